@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing pendrel needs, if any is missing:
+# the native toolchain, GoogleTest, the MinGW-w64 cross compiler and Wine.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ clang
+  libgtest-dev googletest libbenchmark-dev
+  g++-mingw-w64-x86-64-posix wine64
+  python3
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+    missing+=("$package")
+done
+
+if ((${#missing[@]})); then
+  echo "Installing: ${missing[*]}"
+  sudo=""
+  [[ $(id -u) -eq 0 ]] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >/dev/null
+fi
