@@ -54,6 +54,33 @@ class PENDREL_API CRequest {
   // session.
   bool IsCreationSession() const;
 
+  // The request's JSON document, as handlers read it: {"Command", "CommandAtribute",
+  // "CommandParams": {...}, "RequestParams": {...}, "InputData": [{"Name", "FileName",
+  // "Type", "Data"}, ...]}, every member always present, compact UTF-8. "Data" holds the
+  // file's bytes as they are, escaped only by the JSON layer's eight escapes. Keys are written
+  // as stored; Resource and IsAttachment are not part of the form.
+  std::string ToJsonString() const;
+
+  // Replaces this record with what `json` holds; the record is emptied first. Leniently
+  // read: text that is not JSON reads as an empty document, absent or mistyped members as
+  // empty, null as the text "null", numbers and booleans as their text. Command parameter
+  // keys are kept as written, request parameter keys are folded to upper case, and the first
+  // of duplicate keys wins. Files come back with IsAttachment true and a type found by exact
+  // MIME name (Binary otherwise). Returns false only when an error (running out of memory)
+  // interrupts the reading; the record is then partly filled.
+  bool FromJsonString(const std::string& json);
+
+  // The URL form: ["http://" server "/"] Command "/" (CommandAtribute for REF, SREF, DOC,
+  // SDOC, SIMPLEX and DUPLEX, else `session`), then "/key/value" per command parameter and
+  // "?key=value&…" for the request parameters. Keys keep their case; nothing is escaped.
+  std::wstring ToHttpURL(std::wstring server, std::wstring session) const;
+
+  // The header lines (joined by "\n", no final line end) and body of the input files:
+  // without files a JSON header and an empty body; one file as its own bytes; several as a
+  // multipart/mixed body with base64 parts. Both outputs are replaced. Safe to call from
+  // several threads at once on different records.
+  void ToHttpRequestData(std::string& header, std::string& body) const;
+
  private:
   // Takes the first segment off the slash-separated `path` and returns it; one leading "/"
   // is dropped first.

@@ -68,6 +68,40 @@ class PENDREL_API CResponse {
   // cannot be shown inline (anything but Json, Text, Jpeg, Png, Gif, Csv and Svg). False for
   // no files.
   bool HasAttachedFiles() const;
+
+  // The full JSON form, as a handler answers: {"Data": [files], "status", "session",
+  // "Parameters": {...}, "phase", "phaseProgress", "taskProgress"}, compact UTF-8. "Data"
+  // only with files, "session" only when not empty, the progress objects only while
+  // Progress.IsSet. Each file is {"Type": number, "FileName", "Title" (its Name), "Data" (its
+  // bytes as they are), "IsAttachment"}.
+  std::string ToJsonString() const;
+
+  // The common form for the host's own clients: {"status", "session", progress objects,
+  // then one member per parameter} without files. A parameter named like a fixed member
+  // gives a second member of that name.
+  std::string ToCommonJsonString() const;
+
+  // Reads the full form into this record. A document with a "Data" array is a file list: its
+  // files are appended to Data, Status becomes 1, and status, session, parameters and
+  // progress are not read. Otherwise Status, Session (empty when absent) and the progress
+  // (set exactly when "phaseProgress" is present) are replaced and the parameters are merged
+  // in, later duplicates winning. Wrong kinds read as 0, empty or "null"; text that is not
+  // JSON reads as an empty document (Status 0). Returns false only when an error (running
+  // out of memory) interrupts the reading; what was set stays set.
+  bool FromJsonString(std::string text);
+
+  // Unpacks a standard response file: when Data holds exactly one Json file whose content is
+  // an object with a "status" member, its "status", "session" and progress members and every
+  // other member (as a parameter) are applied in document order, later duplicates winning,
+  // and the file is removed. Anything else leaves the record unchanged. Never fails; an
+  // error while applying leaves what was applied and keeps the file.
+  void ParseStdResponseFromFileData();
+
+  // The header lines (joined by "\n", no final line end) and body that answer an HTTP
+  // client: without files the common JSON form; one file as its own bytes; several as a
+  // multipart/mixed body with base64 parts. Status, session, parameters and progress travel
+  // only in the JSON body. Every file is "inline". Both outputs are replaced.
+  void ToHttpRequestData(std::string& header, std::string& body) const;
 };
 
 // Writes `message` and a line end to the standard wide output, flushes it, and returns

@@ -15,7 +15,8 @@ execute_process(COMMAND ${DEMANGLER} INPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/expo
                 OUTPUT_VARIABLE table)
 
 set(required "Pendrel::Version" "Pendrel::CRequest::CRequest" "Pendrel::CResponse::CResponse"
-    "Pendrel::CMimeFile::LoadFromFile" "Pendrel::GetMimeType" "Pendrel::Error" "Pendrel::SIMPLEX")
+    "Pendrel::CMimeFile::LoadFromFile" "Pendrel::GetMimeType" "Pendrel::Error" "Pendrel::SIMPLEX"
+    "Pendrel::CRequest::ToJsonString" "Pendrel::CResponse::FromJsonString")
 foreach(name ${required})
   string(FIND "${table}" "${name}" at)
   if(at EQUAL -1)

@@ -1,0 +1,146 @@
+// NamedPipeChannel carries whole text messages (byte strings, in practice JSON) between the
+// library and one handler process over a named pipe. The library opens the server end and
+// the handler connects as the client; the same class can open the client end.
+//
+// Callers queue outgoing messages (Post) and take incoming ones (TakeMessage or
+// WaitForMessage); one worker thread per open channel alone touches the pipe. It cuts each
+// message into packets of P = max(PacketSize(), 128) bytes, each starting with an 8-byte
+// little-endian header (packets still to come after this one, payload bytes in this one), and
+// puts received packets back together. The worker sleeps in the operating system until data
+// arrives, a packet has gone out, or a caller posts, asks for a flush or closes.
+//
+// Failures are reported by the error text alone (wide, Russian, worded for the host's logs);
+// the worker then ends and nothing moves any more. Messages posted afterwards stay queued.
+//
+// Thread rules: Open and Close (and the destructor) are called by the owner, never at the
+// same time as each other. Everything else may be called from any thread at any time.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace Pendrel {
+
+namespace detail {
+class PipeTransport;
+}  // namespace detail
+
+// Which end of the pipe a channel opens.
+enum class EPipeEnd { Server, Client };
+
+// What WaitForMessage found, checked in this order.
+enum class EWaitResult {
+  Message,   // a message was taken off the receive queue
+  Error,     // the error text is set (it is left for the caller to read and clear)
+  TimedOut,  // neither came before the time-out
+};
+
+class NamedPipeChannel {
+ public:
+  static constexpr std::uint32_t kDefaultTimeLimitMs = 60000;
+  static constexpr std::uint32_t kDefaultPacketSize = 32768;
+  static constexpr std::uint32_t kDefaultOpenTimeLimitMs = 10000;
+  static constexpr std::uint64_t kDefaultMaxMessageSize = std::uint64_t{1} << 30;
+  static constexpr std::uint32_t kMinPacketSize = 128;
+  static constexpr std::uint32_t kHeaderSize = 8;
+
+  NamedPipeChannel();
+  // Closes the channel (see Close).
+  ~NamedPipeChannel();
+  NamedPipeChannel(const NamedPipeChannel&) = delete;
+  NamedPipeChannel& operator=(const NamedPipeChannel&) = delete;
+
+  // Opens the end `end` of the pipe `name` (the bare name: \\.\pipe\<name> on Windows, a
+  // socket in a private folder on Linux) and starts the worker. A channel that is open is
+  // closed first. The error text is cleared. Returns true once the worker is connected;
+  // false when the worker could not create or open the pipe, when no client came within the
+  // worker's own time limit, or when OpenTimeLimitMs() (10000 ms) passed first. In the
+  // last case the error text is "Вышло время ожидания создания нового подключения по
+  // именнованным каналам" and the worker goes on waiting for a client until TimeLimitMs().
+  bool Open(const std::wstring& name, EPipeEnd end = EPipeEnd::Server);
+
+  // The two halves of opening the server end, for owners that start the client process in
+  // between. Listen creates the endpoint `name` at once (so a client started afterwards
+  // finds it) and starts the worker waiting for the client; it returns false, with the
+  // "Ошибка открытия канала NamedPipe" text, when the name is taken or cannot be made.
+  // WaitForConnection then waits like Open: true once connected, false on failure or after
+  // OpenTimeLimitMs().
+  bool Listen(const std::wstring& name);
+  bool WaitForConnection();
+
+  // Tells a server end still waiting for its client that the expected client process has
+  // ended: the wait stops at once with "Нет входящих подключений по каналу NamedPipe". A
+  // connected channel learns of a peer's end from the pipe itself. Any thread.
+  void NotifyPeerExited();
+
+  // While the worker is connected and neither stopped nor failed, gives queued outgoing
+  // messages up to TimeLimitMs() to go out whole; then stops and joins the worker, closes
+  // the pipe and drops the messages left in both queues. The error text stays. Safe to call
+  // on a channel that is not open.
+  void Close();
+
+  // Appends `message` to the send queue and wakes the worker. Always returns true; the
+  // message waits in the queue until the worker is connected (forever if it has ended).
+  bool Post(std::string message);
+
+  // Receive side.
+  bool HasMessage() const;
+  std::size_t ReceivedCount() const;
+  // Takes the oldest received message; false (and `message` untouched) if there is none.
+  bool TakeMessage(std::string& message);
+  // Blocks until a message can be taken (it is, into `message`), the error text is set, or
+  // `timeout` passes, and says which came first in that order of checks.
+  EWaitResult WaitForMessage(std::string& message, std::chrono::milliseconds timeout);
+
+  // Error text: empty while all is well; set by the worker, or by Open on its time-out.
+  bool HasError() const;
+  std::wstring ErrorText() const;
+  // Returns the error text and clears it.
+  std::wstring TakeErrorText();
+
+  // Flags of the worker.
+  bool IsConnected() const;      // from a successful connection until the worker ends
+  bool IsConnecting() const;     // from Open until the connection phase ends either way
+  bool IsStopRequested() const;  // set by Close, and by the worker when connecting fails
+  bool IsFlushRequested() const;
+  bool IsFlushed() const;
+
+  // Clears the flushed flag and asks the worker to report, by setting it, once every
+  // message posted before this call has been written to the pipe whole.
+  void RequestFlush();
+  // Blocks until the flushed flag is set or `timeout` passes (returns early, false, when no
+  // worker runs that could set it). Returns the flushed flag.
+  bool WaitForFlush(std::chrono::milliseconds timeout);
+
+  // Fields. Each may be set at any time and applies from its next use.
+  // The channel's time limit: for the worker's wait for a client, for each packet to be
+  // written, for the gap between two packets of one message, and for Close's drain.
+  std::uint32_t TimeLimitMs() const;
+  void SetTimeLimitMs(std::uint32_t milliseconds);
+  // Packet size; the server end raises it to the size of a larger packet a client sends.
+  std::uint32_t PacketSize() const;
+  void SetPacketSize(std::uint32_t bytes);
+  // How long Open waits for the connection. Lowered by tests only.
+  std::uint32_t OpenTimeLimitMs() const;
+  void SetOpenTimeLimitMs(std::uint32_t milliseconds);
+  // Largest message accepted; a larger one (announced or received) is a read failure.
+  std::uint64_t MaxMessageSize() const;
+  void SetMaxMessageSize(std::uint64_t bytes);
+  // Server end: when non-zero, only a client in the process with this id is accepted;
+  // others are disconnected before any byte is exchanged. 0 (default): any process of the
+  // current user.
+  std::uint32_t ExpectedPeerProcessId() const;
+  void SetExpectedPeerProcessId(std::uint32_t processId);
+
+ private:
+  bool StartWorker(const std::wstring& name, EPipeEnd end,
+                   std::unique_ptr<detail::PipeTransport> listening);
+
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace Pendrel

@@ -1,0 +1,108 @@
+// The operating system's side of a pipe channel: one endpoint that carries whole packets
+// (byte strings whose boundaries survive the trip) between this process and one peer, plus a
+// wake-up signal that lets another thread interrupt a wait at once.
+//
+// Windows uses the named pipe \\.\pipe\<name> in message mode with overlapped I/O; Linux an
+// AF_UNIX SOCK_SEQPACKET socket at $XDG_RUNTIME_DIR/pendrel/<name> (or /tmp/pendrel-<uid>/
+// <name>). Each platform's file (PipeTransport_win.cpp, PipeTransport_posix.cpp) defines the
+// class below; the build picks one. The framing, queues and time limits above it are
+// portable (pipe/NamedPipeChannel.cpp).
+//
+// Thread rules: one thread (the channel's worker, or a test) drives a transport; Wake() alone
+// may be called from any thread at any time, also before Listen/Connect.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+namespace Pendrel::detail {
+
+using Clock = std::chrono::steady_clock;
+// A point in time a wait gives up at; Clock::time_point::max() waits without limit.
+using Deadline = Clock::time_point;
+
+// Failure numbers of the channel's own making, reported after "#" like the system's error
+// numbers and equal on both platforms. They are Windows error numbers so that a Windows
+// reader of a log recognises them.
+inline constexpr std::uint32_t kInvalidDataCode = 13;  // ERROR_INVALID_DATA: a lying header
+inline constexpr std::uint32_t kTooLargeCode = 8;      // ERROR_NOT_ENOUGH_MEMORY: over the cap
+inline constexpr std::uint32_t kTimedOutCode = 258;    // WAIT_TIMEOUT
+inline constexpr std::uint32_t kShortWriteCode = 29;   // ERROR_WRITE_FAULT: a packet cut short
+
+// How a failed transfer is reported to the channel's reader.
+enum class ETransportFailure {
+  None,
+  Probe,  // the endpoint broke while waiting for data (typically the peer left)
+  Read,   // reading an announced packet failed
+  Write,  // a packet could not be written
+};
+
+// What one Wait() saw. Several things may have happened at once.
+struct TransportEvents {
+  bool received = false;  // Packet() holds one whole packet until the next Wait()
+  bool sent = false;      // the packet handed to Send() has gone out whole
+  ETransportFailure failure = ETransportFailure::None;
+  std::uint32_t code = 0;  // the system's error number (or one of the k…Code above)
+};
+
+enum class EAcceptResult {
+  Connected,  // a client of this user (and of the expected process, if any) is connected
+  Woken,      // Wake() was called; call Accept() again to go on waiting
+  TimedOut,   // the deadline passed without an acceptable client
+  Failed,     // the endpoint failed; the error number is in `error`
+};
+
+class PipeTransport {
+ public:
+  // Makes the wake-up signal. Never fails here: a failure is returned by Listen/Connect.
+  PipeTransport();
+  // Disconnect()s. Data already written stays readable by the peer.
+  ~PipeTransport();
+  PipeTransport(const PipeTransport&) = delete;
+  PipeTransport& operator=(const PipeTransport&) = delete;
+
+  // Server end: creates the endpoint `name` (the bare name) that one client of this user
+  // may open. Fails (returns the system's error number, 0 on success) when the name is
+  // taken by a live endpoint or the endpoint's folder is not private to this user.
+  std::uint32_t Listen(std::wstring_view name);
+
+  // Server end, after Listen: waits for a client until `deadline`. A client of another
+  // user, or one whose process id is not `expectedPid` (when non-zero), is disconnected
+  // before any byte is exchanged and the wait goes on. Once a client is accepted, no other
+  // can connect.
+  EAcceptResult Accept(std::uint32_t expectedPid, Deadline deadline, std::uint32_t& error);
+
+  // Client end: opens the endpoint `name` of a server of this user. Does not wait for a busy
+  // or missing endpoint. Returns 0 or the system's error number.
+  std::uint32_t Connect(std::wstring_view name);
+
+  // Starts writing `packet` (copied) as one packet. At most one packet is in flight; its
+  // completion or failure is reported by a later Wait().
+  void Send(std::string_view packet);
+  bool Sending() const;
+
+  // Waits until a packet has arrived, the packet in flight has gone out, a transfer
+  // failed, Wake() was called or `deadline` passed, whichever comes first. Packets are
+  // received whole up to `maxPacket` bytes; a larger one is a Read failure with
+  // kTooLargeCode. `readSize` is the size expected of packets (a hint for buffers).
+  TransportEvents Wait(Deadline deadline, std::size_t readSize, std::size_t maxPacket);
+
+  // The packet reported by the last Wait(); valid until the next call of Wait().
+  std::string_view Packet() const;
+
+  // Cancels and waits out pending I/O and closes the endpoint, so that the peer learns the
+  // channel is gone; the server end's socket file (Linux) is removed. Wake() stays usable.
+  void Disconnect();
+
+  // Makes the current or next wait of the driving thread return. Any thread; never fails.
+  void Wake() noexcept;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace Pendrel::detail

@@ -1,0 +1,447 @@
+// Linux transport: an AF_UNIX SOCK_SEQPACKET socket, which keeps packet boundaries the way a
+// Windows pipe in message mode does. The bare name N lives at $XDG_RUNTIME_DIR/pendrel/N, or
+// /tmp/pendrel-<uid>/N without that variable, so a handler needs only the name. The folder
+// belongs to the user and is closed to everybody else; that, and a check of the peer's
+// credentials, is what keeps other users out.
+//
+// A lock file N.lock, held by the server end for its whole life, tells a live endpoint from
+// a socket file left behind by a process that died: the name stays taken after the one
+// client has connected and the listening socket is gone.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>  // flock
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>  // std::max
+#include <cerrno>
+#include <cstdlib>  // std::getenv
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "json/TextConversion.h"
+#include "pipe/detail/PipeTransport.h"
+
+namespace Pendrel::detail {
+namespace {
+
+// Owns a file descriptor; -1 means none.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : m_fd(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    Reset(std::exchange(other.m_fd, -1));
+    return *this;
+  }
+  ~UniqueFd() { Reset(); }
+
+  int Get() const { return m_fd; }
+  explicit operator bool() const { return m_fd >= 0; }
+  // Closing is not retried on EINTR: on Linux the descriptor is gone either way.
+  void Reset(int fd = -1) {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = fd;
+  }
+
+ private:
+  int m_fd = -1;
+};
+
+// The one place where errno is read; called right after the failing call.
+std::uint32_t LastError() { return static_cast<std::uint32_t>(errno); }
+
+// Runs a system call again for as long as a signal interrupts it (for calls whose arguments
+// do not change with time).
+template <typename Call>
+auto RetryOnInterrupt(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result != -1 || LastError() != EINTR) return result;
+  }
+}
+
+// Milliseconds for poll(): rounded up so that a wait never ends just before its deadline.
+int PollTimeout(Deadline deadline) {
+  if (deadline == Deadline::max()) return -1;
+  const auto left = deadline - Clock::now();
+  if (left <= Clock::duration::zero()) return 0;
+  const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+  return ms > 1000 * 1000 ? 1000 * 1000 : static_cast<int>(ms);
+}
+
+struct EndpointPath {
+  std::string folder;
+  std::string socket;
+  std::string lock;
+};
+
+std::uint32_t MakeEndpointPath(std::wstring_view name, EndpointPath& path) {
+  const std::string bare = Utf16ToUtf8(name);
+  if (bare.empty() || bare == "." || bare == ".." ||
+      bare.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
+    return EINVAL;
+  }
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && runtime[0] == '/') {
+    path.folder = std::string(runtime) + "/pendrel";
+  } else {
+    // Not std::to_string: its digit table would become an exported (GNU unique) symbol.
+    path.folder = FormatString("/tmp/pendrel-%u", static_cast<unsigned>(::geteuid()));
+  }
+  path.socket = path.folder + "/" + bare;
+  path.lock = path.socket + ".lock";
+  if (path.socket.size() >= sizeof(sockaddr_un{}.sun_path)) return ENAMETOOLONG;
+  return 0;
+}
+
+// The folder must be a real folder (not a link) of this user that nobody else may enter;
+// in /tmp anybody could have made it first.
+std::uint32_t CheckPrivateFolder(const std::string& folder, bool create) {
+  if (create && ::mkdir(folder.c_str(), 0700) != 0) {
+    if (const std::uint32_t error = LastError(); error != EEXIST) return error;
+  }
+  struct stat info {};
+  if (::lstat(folder.c_str(), &info) != 0) return LastError();
+  if (!S_ISDIR(info.st_mode)) return ENOTDIR;
+  if (info.st_uid != ::geteuid() || (info.st_mode & 077) != 0) return EACCES;
+  return 0;
+}
+
+sockaddr_un SocketAddress(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+// Whether the peer runs as this user, and in process `expectedPid` if that is non-zero.
+bool PeerIsAcceptable(int fd, std::uint32_t expectedPid) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
+  if (peer.uid != ::geteuid()) return false;
+  return expectedPid == 0 || static_cast<std::uint32_t>(peer.pid) == expectedPid;
+}
+
+// Takes the name's lock file for this server end. EADDRINUSE while a live server holds it.
+std::uint32_t LockName(const std::string& lockPath, UniqueFd& lock) {
+  // A server that is closing removes its lock file while holding it; a lock won on such a
+  // removed file is worthless, so the file at the path must still be the locked one.
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    lock.Reset(RetryOnInterrupt(
+        [&] { return ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); }));
+    if (!lock) return LastError();
+    if (RetryOnInterrupt([&] { return ::flock(lock.Get(), LOCK_EX | LOCK_NB); }) != 0) {
+      const std::uint32_t error = LastError();
+      return error == EWOULDBLOCK ? EADDRINUSE : error;
+    }
+    struct stat held {};
+    struct stat named {};
+    if (::fstat(lock.Get(), &held) != 0) return LastError();
+    if (::lstat(lockPath.c_str(), &named) == 0 && named.st_dev == held.st_dev &&
+        named.st_ino == held.st_ino) {
+      return 0;
+    }
+  }
+  lock.Reset();
+  return EADDRINUSE;
+}
+
+}  // namespace
+
+struct PipeTransport::Impl {
+  UniqueFd wake;
+  std::uint32_t wakeError = 0;
+  UniqueFd listener;
+  UniqueFd connection;
+  UniqueFd lockFile;
+  std::string socketPath;  // set while this server end owns the socket file
+  std::string lockPath;
+  dev_t socketDevice = 0;
+  ino_t socketInode = 0;
+
+  std::vector<char> packet;
+  std::size_t packetLength = 0;
+  std::string outgoing;
+  bool sendPending = false;  // `outgoing` waits for room in the socket
+  bool sendDone = false;     // `outgoing` went out; reported by the next Wait
+  std::uint32_t sendError = 0;
+
+  void DrainWake() {
+    eventfd_t ignored = 0;
+    RetryOnInterrupt([&] { return ::eventfd_read(wake.Get(), &ignored); });
+  }
+
+  // One attempt; `sendPending` stays set when the socket has no room yet.
+  void TrySend() {
+    const ssize_t sent = RetryOnInterrupt([&] {
+      return ::send(connection.Get(), outgoing.data(), outgoing.size(),
+                    MSG_NOSIGNAL | MSG_DONTWAIT);
+    });
+    if (sent < 0) {
+      const std::uint32_t error = LastError();
+      if (error == EAGAIN || error == EWOULDBLOCK) return;
+      sendError = error;
+    } else if (static_cast<std::size_t>(sent) != outgoing.size()) {
+      sendError = kShortWriteCode;
+    } else {
+      sendDone = true;
+    }
+    sendPending = false;
+  }
+
+  void ReadPacket(TransportEvents& events, std::size_t readSize, std::size_t maxPacket) {
+    // The length of the next packet, without taking it.
+    const ssize_t length = RetryOnInterrupt(
+        [&] { return ::recv(connection.Get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT); });
+    if (length < 0) {
+      const std::uint32_t error = LastError();
+      if (error == EAGAIN || error == EWOULDBLOCK) return;
+      events.failure = ETransportFailure::Probe;
+      events.code = error;
+      return;
+    }
+    if (length == 0) {
+      // The peer has closed its end. (A zero-length packet reads the same; no end of
+      // ours sends one, and a peer that does is treated as gone.)
+      events.failure = ETransportFailure::Probe;
+      events.code = EPIPE;
+      return;
+    }
+    const auto size = static_cast<std::size_t>(length);
+    if (size > maxPacket) {
+      events.failure = ETransportFailure::Read;
+      events.code = kTooLargeCode;
+      return;
+    }
+    if (packet.size() < size || packet.size() < readSize) packet.resize(std::max(size, readSize));
+    const ssize_t got = RetryOnInterrupt(
+        [&] { return ::recv(connection.Get(), packet.data(), size, MSG_DONTWAIT); });
+    if (got < 0) {
+      const std::uint32_t error = LastError();
+      if (error == EAGAIN || error == EWOULDBLOCK) return;
+      events.failure = ETransportFailure::Read;
+      events.code = error;
+      return;
+    }
+    packetLength = static_cast<std::size_t>(got);
+    events.received = true;
+  }
+};
+
+PipeTransport::PipeTransport() : m_impl(std::make_unique<Impl>()) {
+  m_impl->wake.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!m_impl->wake) m_impl->wakeError = LastError();
+}
+
+PipeTransport::~PipeTransport() { Disconnect(); }
+
+std::uint32_t PipeTransport::Listen(std::wstring_view name) {
+  Impl& impl = *m_impl;
+  if (impl.wakeError != 0) return impl.wakeError;
+  EndpointPath path;
+  if (const std::uint32_t error = MakeEndpointPath(name, path)) return error;
+  if (const std::uint32_t error = CheckPrivateFolder(path.folder, true)) return error;
+
+  UniqueFd lock;
+  if (const std::uint32_t error = LockName(path.lock, lock)) return error;
+  // The name is ours now: Disconnect() cleans up after whatever fails below.
+  impl.lockFile = std::move(lock);
+  impl.lockPath = path.lock;
+  // Holding the lock, whatever socket sits at the path was left by a dead server.
+  struct stat old {};
+  if (::lstat(path.socket.c_str(), &old) == 0) {
+    if (!S_ISSOCK(old.st_mode)) return EEXIST;
+    if (::unlink(path.socket.c_str()) != 0) return LastError();
+  }
+
+  UniqueFd listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!listener) return LastError();
+  const sockaddr_un address = SocketAddress(path.socket);
+  if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    return LastError();
+  }
+  struct stat created {};
+  if (::lstat(path.socket.c_str(), &created) != 0) return LastError();
+  impl.socketPath = path.socket;
+  impl.socketDevice = created.st_dev;
+  impl.socketInode = created.st_ino;
+  if (::listen(listener.Get(), 4) != 0) return LastError();
+  impl.listener = std::move(listener);
+  return 0;
+}
+
+EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline,
+                                    std::uint32_t& error) {
+  Impl& impl = *m_impl;
+  for (;;) {
+    pollfd fds[2] = {{impl.listener.Get(), POLLIN, 0}, {impl.wake.Get(), POLLIN, 0}};
+    const int ready = ::poll(fds, 2, PollTimeout(deadline));
+    if (ready < 0) {
+      const std::uint32_t failure = LastError();
+      if (failure == EINTR) continue;  // the time-out is recomputed
+      error = failure;
+      return EAcceptResult::Failed;
+    }
+    if (fds[1].revents & POLLIN) {
+      impl.DrainWake();
+      return EAcceptResult::Woken;
+    }
+    if (fds[0].revents & (POLLERR | POLLNVAL)) {
+      error = EBADF;
+      return EAcceptResult::Failed;
+    }
+    if (fds[0].revents & POLLIN) {
+      UniqueFd client(RetryOnInterrupt([&] {
+        return ::accept4(impl.listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      }));
+      if (!client) {
+        const std::uint32_t failure = LastError();
+        // A client that gave up between poll and accept does not end the wait.
+        if (failure != EAGAIN && failure != EWOULDBLOCK && failure != ECONNABORTED) {
+          error = failure;
+          return EAcceptResult::Failed;
+        }
+      } else if (PeerIsAcceptable(client.Get(), expectedPid)) {
+        impl.connection = std::move(client);
+        // Nobody else gets in: later clients are refused at connect().
+        impl.listener.Reset();
+        return EAcceptResult::Connected;
+      }
+      // A refused client is closed here, before any byte was exchanged.
+    }
+    if (Clock::now() >= deadline) return EAcceptResult::TimedOut;
+  }
+}
+
+std::uint32_t PipeTransport::Connect(std::wstring_view name) {
+  Impl& impl = *m_impl;
+  if (impl.wakeError != 0) return impl.wakeError;
+  EndpointPath path;
+  if (const std::uint32_t error = MakeEndpointPath(name, path)) return error;
+  if (const std::uint32_t error = CheckPrivateFolder(path.folder, false)) return error;
+  UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket) return LastError();
+  const sockaddr_un address = SocketAddress(path.socket);
+  // On a local socket connect() completes at once or fails (EAGAIN: the server's backlog is
+  // full); it is never in progress.
+  if (RetryOnInterrupt([&] {
+        return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address),
+                         sizeof(address));
+      }) != 0) {
+    return LastError();
+  }
+  if (!PeerIsAcceptable(socket.Get(), 0)) return EACCES;
+  impl.connection = std::move(socket);
+  return 0;
+}
+
+void PipeTransport::Send(std::string_view packet) {
+  Impl& impl = *m_impl;
+  impl.outgoing.assign(packet.data(), packet.size());
+  impl.sendDone = false;
+  impl.sendError = 0;
+  impl.sendPending = true;
+  impl.TrySend();
+}
+
+bool PipeTransport::Sending() const {
+  const Impl& impl = *m_impl;
+  return impl.sendPending || impl.sendDone || impl.sendError != 0;
+}
+
+TransportEvents PipeTransport::Wait(Deadline deadline, std::size_t readSize,
+                                    std::size_t maxPacket) {
+  Impl& impl = *m_impl;
+  TransportEvents events;
+  impl.packetLength = 0;
+  if (impl.sendError != 0) {
+    events.failure = ETransportFailure::Write;
+    events.code = std::exchange(impl.sendError, 0);
+    return events;
+  }
+  if (!impl.connection) {
+    events.failure = ETransportFailure::Probe;
+    events.code = ENOTCONN;
+    return events;
+  }
+  // A packet that already went out is reported without sleeping, together with whatever
+  // else is ready now.
+  const bool reportSent = std::exchange(impl.sendDone, false);
+  events.sent = reportSent;
+
+  pollfd fds[2] = {
+      {impl.connection.Get(), static_cast<short>(POLLIN | (impl.sendPending ? POLLOUT : 0)), 0},
+      {impl.wake.Get(), POLLIN, 0}};
+  for (;;) {
+    // Not RetryOnInterrupt: the time-out is recomputed on every attempt.
+    if (::poll(fds, 2, reportSent ? 0 : PollTimeout(deadline)) >= 0) break;
+    if (const std::uint32_t error = LastError(); error != EINTR) {
+      events.failure = ETransportFailure::Probe;
+      events.code = error;
+      return events;
+    }
+  }
+  if (fds[1].revents & POLLIN) impl.DrainWake();
+  const short connection = fds[0].revents;
+  if (connection & POLLNVAL) {
+    events.failure = ETransportFailure::Probe;
+    events.code = EBADF;
+    return events;
+  }
+  // Data is read before a hang-up is believed: what the peer sent before leaving counts.
+  if (connection & (POLLIN | POLLHUP | POLLERR)) impl.ReadPacket(events, readSize, maxPacket);
+  // Of two failures the read's is kept, as it usually names the cause (the peer has gone).
+  if (impl.sendPending && (connection & (POLLOUT | POLLHUP | POLLERR))) {
+    impl.TrySend();
+    const std::uint32_t sendError = std::exchange(impl.sendError, 0);
+    if (sendError != 0 && events.failure == ETransportFailure::None) {
+      events.failure = ETransportFailure::Write;
+      events.code = sendError;
+    }
+    if (std::exchange(impl.sendDone, false)) events.sent = true;
+  }
+  return events;
+}
+
+std::string_view PipeTransport::Packet() const {
+  return std::string_view(m_impl->packet.data(), m_impl->packetLength);
+}
+
+void PipeTransport::Disconnect() {
+  Impl& impl = *m_impl;
+  impl.connection.Reset();
+  impl.listener.Reset();
+  impl.sendPending = false;
+  impl.sendDone = false;
+  if (!impl.socketPath.empty()) {
+    // Only our own socket file goes; a successor may have bound the name since.
+    struct stat info {};
+    if (::lstat(impl.socketPath.c_str(), &info) == 0 && info.st_dev == impl.socketDevice &&
+        info.st_ino == impl.socketInode) {
+      ::unlink(impl.socketPath.c_str());
+    }
+    impl.socketPath.clear();
+  }
+  if (impl.lockFile) {
+    // Removed while still held; see LockName for the server that opened it meanwhile.
+    ::unlink(impl.lockPath.c_str());
+    impl.lockFile.Reset();
+    impl.lockPath.clear();
+  }
+}
+
+void PipeTransport::Wake() noexcept {
+  if (m_impl->wake) {
+    // Only fails when the counter is near overflow, when a wake-up is pending anyway.
+    RetryOnInterrupt([&] { return ::eventfd_write(m_impl->wake.Get(), 1); });
+  }
+}
+
+}  // namespace Pendrel::detail

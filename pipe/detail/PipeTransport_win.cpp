@@ -1,0 +1,454 @@
+// Windows transport: the named pipe \\.\pipe\<name> in message mode, so that each packet is
+// one pipe message, with overlapped I/O so that one thread can wait for a read, a write, a
+// connection and the wake-up event at once.
+//
+// The pipe admits the current user and SYSTEM only, has a single instance, refuses remote
+// clients and cannot be created over an existing name (FILE_FLAG_FIRST_PIPE_INSTANCE), so no
+// other program can sit on a handler's pipe or read what travels through it.
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
+
+#include <algorithm>  // std::max
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "pipe/detail/PipeTransport.h"
+
+namespace Pendrel::detail {
+namespace {
+
+// In-process buffer quota of each direction. Larger than a packet so that a writer is not
+// held up packet by packet while the reader is busy.
+constexpr DWORD kPipeBufferSize = 65536;
+
+// Completion failures are told apart from failures to start a read by this offset, as the
+// numbers in old logs are.
+constexpr std::uint32_t kCompletionOffset = 10000;
+
+// Owns a kernel handle; null and INVALID_HANDLE_VALUE both mean none.
+class UniqueHandle {
+ public:
+  UniqueHandle() = default;
+  explicit UniqueHandle(HANDLE handle) : m_handle(handle) {}
+  UniqueHandle(UniqueHandle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
+  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
+    Reset(std::exchange(other.m_handle, nullptr));
+    return *this;
+  }
+  ~UniqueHandle() { Reset(); }
+
+  HANDLE Get() const { return m_handle; }
+  explicit operator bool() const { return m_handle != nullptr && m_handle != INVALID_HANDLE_VALUE; }
+  void Reset(HANDLE handle = nullptr) {
+    if (*this) ::CloseHandle(m_handle);
+    m_handle = handle;
+  }
+
+ private:
+  HANDLE m_handle = nullptr;
+};
+
+// The one place where the system's error number is read; called right after the failing
+// call.
+std::uint32_t LastError() { return static_cast<std::uint32_t>(::GetLastError()); }
+
+// The other end has gone (or never really came): reported like a failed look for data.
+bool IsPeerGone(std::uint32_t error) {
+  return error == ERROR_BROKEN_PIPE || error == ERROR_PIPE_NOT_CONNECTED || error == ERROR_NO_DATA;
+}
+
+// Milliseconds to wait: rounded up so that a wait never ends just before its deadline.
+DWORD WaitTimeout(Deadline deadline) {
+  if (deadline == Deadline::max()) return INFINITE;
+  const auto left = deadline - Clock::now();
+  if (left <= Clock::duration::zero()) return 0;
+  const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+  return ms >= INFINITE ? INFINITE - 1 : static_cast<DWORD>(ms);
+}
+
+std::wstring PipePath(std::wstring_view name) { return L"\\\\.\\pipe\\" + std::wstring(name); }
+
+// A security descriptor whose DACL grants the current user and SYSTEM full access and
+// nobody else any. (The default DACL of a pipe lets Everyone read; a NULL DACL lets
+// everybody in.)
+class PrivateSecurity {
+ public:
+  PrivateSecurity() = default;
+  PrivateSecurity(const PrivateSecurity&) = delete;
+  PrivateSecurity& operator=(const PrivateSecurity&) = delete;
+
+  // 0 or the system's error number.
+  std::uint32_t Build() {
+    HANDLE rawToken = nullptr;
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &rawToken)) return LastError();
+    const UniqueHandle token(rawToken);
+    DWORD size = 0;
+    ::GetTokenInformation(token.Get(), TokenUser, nullptr, 0, &size);
+    if (size == 0) return LastError();
+    m_user.resize(size);
+    if (!::GetTokenInformation(token.Get(), TokenUser, m_user.data(), size, &size)) {
+      return LastError();
+    }
+    const PSID user = reinterpret_cast<const TOKEN_USER*>(m_user.data())->User.Sid;
+
+    DWORD systemSize = SECURITY_MAX_SID_SIZE;
+    m_system.resize(systemSize);
+    if (!::CreateWellKnownSid(WinLocalSystemSid, nullptr, m_system.data(), &systemSize)) {
+      return LastError();
+    }
+    const PSID system = m_system.data();
+
+    // Each ACE holds its SID in place of its SidStart member.
+    const DWORD aclSize = sizeof(ACL) + 2 * (sizeof(ACCESS_ALLOWED_ACE) - sizeof(DWORD)) +
+                          ::GetLengthSid(user) + ::GetLengthSid(system);
+    m_acl.resize(aclSize);
+    auto* const acl = reinterpret_cast<ACL*>(m_acl.data());
+    if (!::InitializeAcl(acl, aclSize, ACL_REVISION) ||
+        !::AddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, user) ||
+        !::AddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, system) ||
+        !::InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) ||
+        !::SetSecurityDescriptorDacl(&m_descriptor, TRUE, acl, FALSE)) {
+      return LastError();
+    }
+    m_attributes.nLength = sizeof(m_attributes);
+    m_attributes.lpSecurityDescriptor = &m_descriptor;
+    m_attributes.bInheritHandle = FALSE;
+    return 0;
+  }
+
+  SECURITY_ATTRIBUTES* Attributes() { return &m_attributes; }
+
+ private:
+  std::vector<BYTE> m_user;
+  std::vector<BYTE> m_system;
+  std::vector<BYTE> m_acl;
+  SECURITY_DESCRIPTOR m_descriptor{};
+  SECURITY_ATTRIBUTES m_attributes{};
+};
+
+// One kind of overlapped operation (connect, read or write), at most one in flight.
+struct Operation {
+  UniqueHandle event;  // manual-reset, as overlapped I/O requires
+  OVERLAPPED overlapped{};
+  bool pending = false;
+
+  // Prepares `overlapped` for a new call.
+  OVERLAPPED* Begin() {
+    ::ResetEvent(event.Get());
+    overlapped = OVERLAPPED{};
+    overlapped.hEvent = event.Get();
+    return &overlapped;
+  }
+  bool Completed() const { return HasOverlappedIoCompleted(&overlapped); }
+};
+
+}  // namespace
+
+struct PipeTransport::Impl {
+  UniqueHandle wake;  // auto-reset: one wake-up ends one wait
+  std::uint32_t wakeError = 0;
+  UniqueHandle pipe;
+  Operation connect;
+  Operation read;
+  Operation write;
+
+  std::vector<char> packet;
+  std::size_t packetLength = 0;
+  std::string outgoing;
+  std::uint32_t writeError = 0;  // WriteFile failed at once; reported by the next Wait
+
+  std::uint32_t CreateEvents() {
+    for (Operation* operation : {&connect, &read, &write}) {
+      operation->event.Reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+      if (!operation->event) return LastError();
+    }
+    return 0;
+  }
+
+  void StartRead(std::size_t readSize, TransportEvents& events) {
+    if (packet.size() < readSize) packet.resize(readSize);
+    if (!::ReadFile(pipe.Get(), packet.data(), static_cast<DWORD>(packet.size()), nullptr,
+                    read.Begin())) {
+      const std::uint32_t error = LastError();
+      // ERROR_MORE_DATA: a longer packet has been read in part; the rest follows on
+      // completion.
+      if (error != ERROR_IO_PENDING && error != ERROR_MORE_DATA) {
+        events.failure = IsPeerGone(error) ? ETransportFailure::Probe : ETransportFailure::Read;
+        events.code = error;
+        return;
+      }
+    }
+    read.pending = true;
+  }
+
+  void FinishRead(TransportEvents& events, std::size_t maxPacket) {
+    read.pending = false;
+    DWORD got = 0;
+    if (::GetOverlappedResult(pipe.Get(), &read.overlapped, &got, FALSE)) {
+      packetLength = got;
+      events.received = true;
+      return;
+    }
+    const std::uint32_t error = LastError();
+    if (error == ERROR_MORE_DATA) return ReadRest(got, events, maxPacket);
+    events.failure = IsPeerGone(error) ? ETransportFailure::Probe : ETransportFailure::Read;
+    events.code = IsPeerGone(error) ? error : kCompletionOffset + error;
+  }
+
+  // The packet is longer than the buffer: fetch the rest of this one pipe message, which is
+  // already in the pipe.
+  void ReadRest(DWORD got, TransportEvents& events, std::size_t maxPacket) {
+    DWORD left = 0;
+    if (!::PeekNamedPipe(pipe.Get(), nullptr, 0, nullptr, nullptr, &left)) {
+      events.failure = ETransportFailure::Read;
+      events.code = LastError();
+      return;
+    }
+    const std::size_t total = std::size_t{got} + left;
+    if (total > maxPacket) {
+      events.failure = ETransportFailure::Read;
+      events.code = kTooLargeCode;
+      return;
+    }
+    if (packet.size() < total) packet.resize(total);
+    DWORD more = 0;
+    if (!::ReadFile(pipe.Get(), packet.data() + got, left, nullptr, read.Begin())) {
+      const std::uint32_t error = LastError();
+      if (error != ERROR_IO_PENDING) {
+        events.failure = ETransportFailure::Read;
+        events.code = error;
+        return;
+      }
+    }
+    if (!::GetOverlappedResult(pipe.Get(), &read.overlapped, &more, TRUE)) {
+      events.failure = ETransportFailure::Read;
+      events.code = kCompletionOffset + LastError();
+      return;
+    }
+    packetLength = std::size_t{got} + more;
+    events.received = true;
+  }
+
+  void FinishWrite(TransportEvents& events) {
+    write.pending = false;
+    DWORD wrote = 0;
+    if (!::GetOverlappedResult(pipe.Get(), &write.overlapped, &wrote, FALSE)) {
+      events.failure = ETransportFailure::Write;
+      events.code = LastError();
+    } else if (wrote != outgoing.size()) {
+      events.failure = ETransportFailure::Write;
+      events.code = kShortWriteCode;
+    } else {
+      events.sent = true;
+    }
+  }
+
+  // Ends the wait for a client; the operation must not outlive its OVERLAPPED.
+  void CancelConnect() {
+    ::CancelIoEx(pipe.Get(), &connect.overlapped);
+    DWORD ignored = 0;
+    ::GetOverlappedResult(pipe.Get(), &connect.overlapped, &ignored, TRUE);
+    connect.pending = false;
+  }
+
+  // Whether the connected client may stay: of the expected process, when one is set.
+  // Only this user and SYSTEM can open the pipe at all.
+  bool ClientIsAcceptable(std::uint32_t expectedPid) {
+    if (expectedPid == 0) return true;
+    ULONG clientPid = 0;
+    return ::GetNamedPipeClientProcessId(pipe.Get(), &clientPid) && clientPid == expectedPid;
+  }
+};
+
+PipeTransport::PipeTransport() : m_impl(std::make_unique<Impl>()) {
+  m_impl->wake.Reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  if (!m_impl->wake) m_impl->wakeError = LastError();
+}
+
+PipeTransport::~PipeTransport() { Disconnect(); }
+
+std::uint32_t PipeTransport::Listen(std::wstring_view name) {
+  Impl& impl = *m_impl;
+  if (impl.wakeError != 0) return impl.wakeError;
+  PrivateSecurity security;
+  if (const std::uint32_t error = security.Build()) return error;
+  impl.pipe.Reset(::CreateNamedPipeW(
+      PipePath(name).c_str(),
+      PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+      PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
+      kPipeBufferSize, kPipeBufferSize, 0, security.Attributes()));
+  if (!impl.pipe) return LastError();
+  return impl.CreateEvents();
+}
+
+EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline,
+                                    std::uint32_t& error) {
+  Impl& impl = *m_impl;
+  for (;;) {
+    bool connected = false;
+    if (!impl.connect.pending) {
+      if (::ConnectNamedPipe(impl.pipe.Get(), impl.connect.Begin())) {
+        connected = true;
+      } else {
+        const std::uint32_t failure = LastError();
+        if (failure == ERROR_PIPE_CONNECTED) {
+          connected = true;  // the client came before the call
+        } else if (failure == ERROR_NO_DATA) {
+          ::DisconnectNamedPipe(impl.pipe.Get());  // the client came and went
+          continue;
+        } else if (failure == ERROR_IO_PENDING) {
+          impl.connect.pending = true;
+        } else {
+          error = failure;
+          return EAcceptResult::Failed;
+        }
+      }
+    }
+    if (impl.connect.pending) {
+      const HANDLE handles[] = {impl.connect.event.Get(), impl.wake.Get()};
+      const DWORD result = ::WaitForMultipleObjects(2, handles, FALSE, WaitTimeout(deadline));
+      if (result == WAIT_OBJECT_0) {
+        impl.connect.pending = false;
+        DWORD ignored = 0;
+        if (::GetOverlappedResult(impl.pipe.Get(), &impl.connect.overlapped, &ignored, FALSE)) {
+          connected = true;
+        } else if (const std::uint32_t failure = LastError(); failure == ERROR_NO_DATA) {
+          ::DisconnectNamedPipe(impl.pipe.Get());
+          continue;
+        } else {
+          error = failure;
+          return EAcceptResult::Failed;
+        }
+      } else if (result == WAIT_OBJECT_0 + 1) {
+        return EAcceptResult::Woken;  // the connection stays pending for the next call
+      } else if (result != WAIT_TIMEOUT) {
+        error = LastError();
+        impl.CancelConnect();
+        return EAcceptResult::Failed;
+      }
+    }
+    if (connected) {
+      if (impl.ClientIsAcceptable(expectedPid)) return EAcceptResult::Connected;
+      // Not a byte has been read or written; the client sees its pipe broken.
+      ::DisconnectNamedPipe(impl.pipe.Get());
+    }
+    if (Clock::now() >= deadline) {
+      if (impl.connect.pending) impl.CancelConnect();
+      return EAcceptResult::TimedOut;
+    }
+  }
+}
+
+std::uint32_t PipeTransport::Connect(std::wstring_view name) {
+  Impl& impl = *m_impl;
+  if (impl.wakeError != 0) return impl.wakeError;
+  // SECURITY_IDENTIFICATION: the server may learn who we are but not act as us.
+  impl.pipe.Reset(::CreateFileW(
+      PipePath(name).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+      FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+  if (!impl.pipe) return LastError();
+  DWORD mode = PIPE_READMODE_MESSAGE;
+  if (!::SetNamedPipeHandleState(impl.pipe.Get(), &mode, nullptr, nullptr)) {
+    const std::uint32_t error = LastError();
+    impl.pipe.Reset();
+    return error;
+  }
+  return impl.CreateEvents();
+}
+
+void PipeTransport::Send(std::string_view packet) {
+  Impl& impl = *m_impl;
+  impl.outgoing.assign(packet.data(), packet.size());
+  impl.writeError = 0;
+  if (!::WriteFile(impl.pipe.Get(), impl.outgoing.data(), static_cast<DWORD>(impl.outgoing.size()),
+                   nullptr, impl.write.Begin())) {
+    const std::uint32_t error = LastError();
+    if (error != ERROR_IO_PENDING) {
+      impl.writeError = error;
+      return;
+    }
+  }
+  impl.write.pending = true;
+}
+
+bool PipeTransport::Sending() const { return m_impl->write.pending || m_impl->writeError != 0; }
+
+TransportEvents PipeTransport::Wait(Deadline deadline, std::size_t readSize,
+                                    std::size_t maxPacket) {
+  Impl& impl = *m_impl;
+  TransportEvents events;
+  impl.packetLength = 0;
+  if (impl.writeError != 0) {
+    events.failure = ETransportFailure::Write;
+    events.code = std::exchange(impl.writeError, 0);
+    return events;
+  }
+  if (!impl.pipe) {
+    events.failure = ETransportFailure::Probe;
+    events.code = ERROR_PIPE_NOT_CONNECTED;
+    return events;
+  }
+  // A read is always in flight while connected, so that arriving data ends the wait.
+  if (!impl.read.pending) {
+    impl.StartRead(readSize, events);
+    if (events.failure != ETransportFailure::None) return events;
+  }
+
+  HANDLE handles[3];
+  DWORD count = 0;
+  handles[count++] = impl.read.event.Get();
+  if (impl.write.pending) handles[count++] = impl.write.event.Get();
+  handles[count++] = impl.wake.Get();
+  // What has completed already is collected without sleeping.
+  const bool ready = impl.read.Completed() || (impl.write.pending && impl.write.Completed());
+  const DWORD result =
+      ::WaitForMultipleObjects(count, handles, FALSE, ready ? 0 : WaitTimeout(deadline));
+  if (result == WAIT_FAILED) {
+    events.failure = ETransportFailure::Probe;
+    events.code = LastError();
+    return events;
+  }
+  if (impl.read.pending && impl.read.Completed()) impl.FinishRead(events, maxPacket);
+  // A write that completed is reported even when the read failed; of two failures the
+  // read's is kept, as it usually names the cause (the peer has gone).
+  if (impl.write.pending && impl.write.Completed()) {
+    TransportEvents written;
+    impl.FinishWrite(written);
+    events.sent = written.sent;
+    if (events.failure == ETransportFailure::None) {
+      events.failure = written.failure;
+      events.code = written.code;
+    }
+  }
+  return events;
+}
+
+std::string_view PipeTransport::Packet() const {
+  return std::string_view(m_impl->packet.data(), m_impl->packetLength);
+}
+
+void PipeTransport::Disconnect() {
+  Impl& impl = *m_impl;
+  if (!impl.pipe) return;
+  // Pending operations write into our buffers; they must end before anything is freed.
+  Operation* const operations[] = {&impl.connect, &impl.read, &impl.write};
+  for (Operation* operation : operations) {
+    if (!operation->pending) continue;
+    ::CancelIoEx(impl.pipe.Get(), &operation->overlapped);
+    DWORD ignored = 0;
+    ::GetOverlappedResult(impl.pipe.Get(), &operation->overlapped, &ignored, TRUE);
+    operation->pending = false;
+  }
+  // Closed without DisconnectNamedPipe, which would throw away what the peer has not read.
+  impl.pipe.Reset();
+  impl.writeError = 0;
+}
+
+void PipeTransport::Wake() noexcept {
+  if (m_impl->wake) ::SetEvent(m_impl->wake.Get());
+}
+
+}  // namespace Pendrel::detail

@@ -1,0 +1,100 @@
+// Helpers of the pipe tests: unique pipe names, packets built by hand, a plain transport
+// client that sees the raw packets on the wire, a server channel with such a client, and
+// child processes that run this test program again in child mode.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pipe/NamedPipeChannel.h"
+#include "pipe/detail/PipeTransport.h"
+
+namespace pendrel_test {
+
+using namespace std::chrono_literals;
+
+// A pipe name no other test (or parallel test process) uses: process id, counter and the
+// current test's name.
+std::wstring UniquePipeName();
+
+// The error number a reader sees when its peer has closed its end.
+std::uint32_t PeerGoneCode();
+
+std::uint32_t OwnProcessId();
+
+// A packet of `packetSize` bytes with the header words given as they are (possibly lying),
+// then `payload`, then zeros.
+std::string MakePacket(std::uint32_t remaining, std::uint32_t payloadLength,
+                       std::string_view payload, std::size_t packetSize);
+std::uint32_t HeaderWord(std::string_view packet, int index);
+
+// Bytes that differ from message to message and along each message, so that a lost,
+// repeated or reordered piece shows.
+std::string PatternMessage(std::size_t size, unsigned seed);
+
+// A client end that is only the transport: tests read and write raw packets with it.
+class RawClient {
+ public:
+  // Connects to `name`, trying again until `timeout` while the server end is not there yet.
+  bool Connect(const std::wstring& name, std::chrono::milliseconds timeout = 5s);
+  // Connects once; returns the system's error number or 0.
+  std::uint32_t ConnectOnce(const std::wstring& name);
+
+  // Next packet in arrival order; false on failure or time-out.
+  bool Read(std::string& packet, std::chrono::milliseconds timeout = 5s);
+  // Writes one packet; false on failure or time-out.
+  bool Write(std::string_view packet, std::chrono::milliseconds timeout = 5s);
+  // Waits until the transport fails (the server end has gone); true if it did in time.
+  bool WaitForFailure(std::chrono::milliseconds timeout = 5s);
+
+  bool Failed() const { return m_failure != Pendrel::detail::ETransportFailure::None; }
+  std::uint32_t FailureCode() const { return m_code; }
+  std::size_t PacketsRead() const { return m_packetsRead; }
+  void Disconnect() { m_transport.Disconnect(); }
+
+ private:
+  void Pump(Pendrel::detail::Deadline deadline);
+
+  Pendrel::detail::PipeTransport m_transport;
+  std::deque<std::string> m_received;
+  bool m_sent = false;
+  std::size_t m_packetsRead = 0;
+  Pendrel::detail::ETransportFailure m_failure = Pendrel::detail::ETransportFailure::None;
+  std::uint32_t m_code = 0;
+};
+
+// Opens `server` on `name` while `client` connects to it; true when both succeeded.
+bool OpenWithRawClient(Pendrel::NamedPipeChannel& server, RawClient& client,
+                       const std::wstring& name);
+
+// A copy of this test program started in child mode (see RunPipeChild). The destructor
+// waits a little for it to end and kills it if it does not, so no child outlives its test.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::vector<std::string>& arguments);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  bool Started() const;
+  std::uint32_t ProcessId() const;
+  // Waits for the end; the exit code, or -1 on time-out.
+  int Wait(std::chrono::milliseconds timeout);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
+};
+
+// Child mode, entered by main when the first argument is "--pipe-child":
+//   echo <pipe name> [<gate file>]: waits for the gate file if one is named, opens the
+//   client end of the pipe and sends every message back until the server end goes. Exit
+//   code 0 then; 2 if it could not connect, 3 if nothing came for a minute.
+int RunPipeChild(int argc, char** argv);
+
+}  // namespace pendrel_test

@@ -1,0 +1,392 @@
+// The channel's life: opening and its time limits, closing and its drain, flushes, the
+// error texts, and who may connect.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <string>
+#include <thread>
+
+#include "pipe/NamedPipeChannel.h"
+#include "tests/pipe/PipeTestSupport.h"
+
+namespace {
+
+using Pendrel::EPipeEnd;
+using Pendrel::EWaitResult;
+using Pendrel::NamedPipeChannel;
+using pendrel_test::OwnProcessId;
+using pendrel_test::PatternMessage;
+using pendrel_test::RawClient;
+using pendrel_test::UniquePipeName;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+const std::wstring kOpenTimedOut =
+    L"Вышло время ожидания создания нового подключения по именнованным каналам";
+const std::wstring kOpenFailed = L"Ошибка открытия канала NamedPipe\n";
+const std::wstring kNoClient = L"Нет входящих подключений по каналу NamedPipe\n";
+
+TEST(PipeChannel, HasItsDefaults) {
+  const NamedPipeChannel channel;
+  EXPECT_EQ(channel.TimeLimitMs(), 60000u);
+  EXPECT_EQ(channel.PacketSize(), 32768u);
+  EXPECT_EQ(channel.OpenTimeLimitMs(), 10000u);
+  EXPECT_EQ(channel.MaxMessageSize(), std::uint64_t{1} << 30);
+  EXPECT_EQ(channel.ExpectedPeerProcessId(), 0u);
+  EXPECT_FALSE(channel.IsConnected());
+  EXPECT_FALSE(channel.IsConnecting());
+  EXPECT_FALSE(channel.HasError());
+}
+
+TEST(PipeChannel, OpenWithoutClientGivesUpAfterTenSecondsWith72CharacterText) {
+  NamedPipeChannel server;
+  const auto start = Clock::now();
+  EXPECT_FALSE(server.Open(UniquePipeName()));
+  const auto waited = Clock::now() - start;
+  EXPECT_GE(waited, 10s);
+  EXPECT_LT(waited, 13s);
+  const std::wstring text = server.ErrorText();
+  EXPECT_EQ(text, kOpenTimedOut);
+  EXPECT_EQ(text.size(), 72u);
+  // The worker goes on waiting for its own, longer limit...
+  EXPECT_TRUE(server.IsConnecting());
+  EXPECT_FALSE(server.IsConnected());
+  // ...until Close ends that wait at once.
+  const auto closing = Clock::now();
+  server.Close();
+  EXPECT_LT(Clock::now() - closing, 2s);
+  EXPECT_FALSE(server.IsConnecting());
+}
+
+TEST(PipeChannel, WorkerStopsWaitingForClientAfterItsTimeLimit) {
+  NamedPipeChannel server;
+  server.SetOpenTimeLimitMs(100);
+  server.SetTimeLimitMs(600);
+  EXPECT_FALSE(server.Open(UniquePipeName()));
+  EXPECT_EQ(server.TakeErrorText(), kOpenTimedOut);
+  std::string message;
+  ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
+  EXPECT_EQ(server.ErrorText(), kNoClient);
+  EXPECT_FALSE(server.IsConnecting());
+  EXPECT_TRUE(server.IsStopRequested());
+}
+
+TEST(PipeChannel, ClientEndFailsAtOnceWithoutServer) {
+  NamedPipeChannel client;
+  const auto start = Clock::now();
+  EXPECT_FALSE(client.Open(UniquePipeName(), EPipeEnd::Client));
+  EXPECT_LT(Clock::now() - start, 5s);
+  EXPECT_EQ(client.ErrorText(), kOpenFailed);
+  EXPECT_FALSE(client.IsConnected());
+  EXPECT_TRUE(client.IsStopRequested());
+}
+
+TEST(PipeChannel, ServerEndAndClientEndExchangeMessagesInOrder) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  NamedPipeChannel client;
+  auto opened = std::async(std::launch::async, [&] { return server.Open(name); });
+  bool clientOpen = false;
+  for (int attempt = 0; attempt < 250 && !clientOpen; ++attempt) {
+    clientOpen = client.Open(name, EPipeEnd::Client);
+    if (!clientOpen) std::this_thread::sleep_for(20ms);
+  }
+  ASSERT_TRUE(clientOpen);
+  ASSERT_TRUE(opened.get());
+  EXPECT_TRUE(server.IsConnected());
+  EXPECT_TRUE(client.IsConnected());
+  EXPECT_FALSE(server.IsConnecting());
+
+  for (unsigned i = 0; i < 20; ++i) server.Post(PatternMessage(i * 5000, i));
+  for (unsigned i = 0; i < 20; ++i) client.Post(PatternMessage(i * 7000, 100 + i));
+  for (unsigned i = 0; i < 20; ++i) {
+    std::string message;
+    ASSERT_EQ(client.WaitForMessage(message, 10s), EWaitResult::Message) << i;
+    EXPECT_TRUE(message == PatternMessage(i * 5000, i)) << i;
+    ASSERT_EQ(server.WaitForMessage(message, 10s), EWaitResult::Message) << i;
+    EXPECT_TRUE(message == PatternMessage(i * 7000, 100 + i)) << i;
+  }
+  EXPECT_FALSE(server.HasError());
+  EXPECT_FALSE(client.HasError());
+}
+
+TEST(PipeChannel, TakesMessagesOffTheQueueOneByOne) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  std::string message;
+  EXPECT_FALSE(server.TakeMessage(message));
+  ASSERT_TRUE(client.Write(pendrel_test::MakePacket(0, 1, "a", 32768)));
+  ASSERT_TRUE(client.Write(pendrel_test::MakePacket(0, 1, "b", 32768)));
+  const auto deadline = Clock::now() + 5s;
+  while (server.ReceivedCount() < 2 && Clock::now() < deadline) std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(server.ReceivedCount(), 2u);
+  EXPECT_TRUE(server.HasMessage());
+  ASSERT_TRUE(server.TakeMessage(message));
+  EXPECT_EQ(message, "a");
+  ASSERT_TRUE(server.TakeMessage(message));
+  EXPECT_EQ(message, "b");
+  EXPECT_FALSE(server.TakeMessage(message));
+  EXPECT_EQ(message, "b");
+}
+
+TEST(PipeChannel, WaitForMessageTimesOutWhenNothingComes) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  std::string message = "untouched";
+  const auto start = Clock::now();
+  EXPECT_EQ(server.WaitForMessage(message, 200ms), EWaitResult::TimedOut);
+  EXPECT_GE(Clock::now() - start, 200ms);
+  EXPECT_EQ(message, "untouched");
+}
+
+TEST(PipeChannel, ReportsPeerThatLeavesAsReadFailure) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  client.Disconnect();
+  std::string message;
+  ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
+  EXPECT_EQ(server.TakeErrorText(), L"Ошибка чтения данных через NamedPipe (1) #" +
+                                        std::to_wstring(pendrel_test::PeerGoneCode()) + L"\n");
+  EXPECT_FALSE(server.HasError());
+  // Once the worker has ended, posted messages stay queued and Close does not wait for them.
+  EXPECT_FALSE(server.IsConnected());
+  server.Post("too late");
+  const auto start = Clock::now();
+  server.Close();
+  EXPECT_LT(Clock::now() - start, 2s);
+}
+
+TEST(PipeChannel, DeliversWhatThePeerSentBeforeLeaving) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  ASSERT_TRUE(client.Write(pendrel_test::MakePacket(0, 4, "last", 32768)));
+  client.Disconnect();
+  std::string message;
+  ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Message);
+  EXPECT_EQ(message, "last");
+  EXPECT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
+}
+
+TEST(PipeChannel, CloseWaitsForQueuedMessagesToGoOut) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  constexpr unsigned kMessages = 8;
+  constexpr std::size_t kSize = 200000;  // 7 packets each, more than the pipe holds
+  for (unsigned i = 0; i < kMessages; ++i) server.Post(PatternMessage(kSize, i));
+
+  // A slow reader: Close has to wait for it.
+  auto reader = std::async(std::launch::async, [&client] {
+    std::string packet;
+    while (client.Read(packet, 10s)) std::this_thread::sleep_for(2ms);
+    return client.PacketsRead();
+  });
+  const auto start = Clock::now();
+  server.Close();
+  EXPECT_LT(Clock::now() - start, 30s);
+  EXPECT_EQ(reader.get(), kMessages * 7u);
+  EXPECT_TRUE(client.Failed());
+}
+
+TEST(PipeChannel, CloseGivesUpDrainingAfterTimeLimitAndDropsTheRest) {
+  NamedPipeChannel server;
+  server.SetTimeLimitMs(1000);
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  // Nobody reads: far more than the pipe holds stays queued.
+  for (unsigned i = 0; i < 3; ++i) server.Post(PatternMessage(1000000, i));
+  const auto start = Clock::now();
+  server.Close();
+  const auto waited = Clock::now() - start;
+  EXPECT_GE(waited, 700ms);
+  EXPECT_LT(waited, 5s);
+  std::string packet;
+  while (client.Read(packet, 2s)) {
+  }
+  EXPECT_LT(client.PacketsRead(), 3u * 31u);
+}
+
+TEST(PipeChannel, ReportsPacketThatCannotBeWrittenWithinTimeLimit) {
+  NamedPipeChannel server;
+  server.SetTimeLimitMs(300);
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  server.Post(PatternMessage(4000000, 1));
+  std::string message;
+  ASSERT_EQ(server.WaitForMessage(message, 10s), EWaitResult::Error);
+  EXPECT_EQ(server.TakeErrorText(), L"Ошибка записи данных в NamedPipe #258\n");
+}
+
+TEST(PipeChannel, FlushIsReportedOnceQueuedMessagesAreWritten) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  // Larger than the pipe holds: it cannot be written before the client reads.
+  server.Post(PatternMessage(2000000, 1));
+  server.RequestFlush();
+  EXPECT_FALSE(server.IsFlushed());
+  EXPECT_FALSE(server.WaitForFlush(300ms));
+  EXPECT_TRUE(server.IsFlushRequested());
+
+  auto reader = std::async(std::launch::async, [&client] {
+    std::string packet;
+    for (int i = 0; i < 62; ++i) {
+      if (!client.Read(packet)) return false;
+    }
+    return true;
+  });
+  EXPECT_TRUE(server.WaitForFlush(10s));
+  EXPECT_TRUE(server.IsFlushed());
+  EXPECT_FALSE(server.IsFlushRequested());
+  EXPECT_TRUE(reader.get());
+}
+
+TEST(PipeChannel, FlushOfClosedChannelIsNotWaitedFor) {
+  NamedPipeChannel channel;
+  channel.RequestFlush();
+  const auto start = Clock::now();
+  EXPECT_FALSE(channel.WaitForFlush(5s));
+  EXPECT_LT(Clock::now() - start, 1s);
+}
+
+TEST(PipeChannel, SecondClientIsRefused) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  RawClient first;
+  ASSERT_TRUE(OpenWithRawClient(server, first, name));
+  RawClient second;
+  EXPECT_NE(second.ConnectOnce(name), 0u);
+  NamedPipeChannel secondChannel;
+  EXPECT_FALSE(secondChannel.Open(name, EPipeEnd::Client));
+  EXPECT_EQ(secondChannel.ErrorText(), kOpenFailed);
+  // The first connection is unharmed.
+  server.Post("still here");
+  std::string packet;
+  ASSERT_TRUE(first.Read(packet));
+  EXPECT_EQ(packet.substr(8, 10), "still here");
+}
+
+TEST(PipeChannel, SecondServerOnTakenNameFails) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, name));
+  NamedPipeChannel second;
+  const auto start = Clock::now();
+  EXPECT_FALSE(second.Open(name));
+  EXPECT_LT(Clock::now() - start, 5s);
+  EXPECT_EQ(second.ErrorText(), kOpenFailed);
+  EXPECT_TRUE(server.IsConnected());
+}
+
+TEST(PipeChannel, NameIsFreeAgainAfterClose) {
+  const std::wstring name = UniquePipeName();
+  for (int round = 0; round < 2; ++round) {
+    NamedPipeChannel server;
+    RawClient client;
+    ASSERT_TRUE(OpenWithRawClient(server, client, name)) << round;
+  }
+}
+
+TEST(PipeChannel, RefusesClientOfAnotherProcessThanExpected) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  server.SetExpectedPeerProcessId(OwnProcessId() + 1);
+  server.SetOpenTimeLimitMs(1500);
+  auto opened = std::async(std::launch::async, [&] { return server.Open(name); });
+  RawClient client;
+  ASSERT_TRUE(client.Connect(name));
+  // Disconnected before a single byte.
+  EXPECT_TRUE(client.WaitForFailure());
+  EXPECT_EQ(client.PacketsRead(), 0u);
+  EXPECT_FALSE(opened.get());
+  EXPECT_EQ(server.ErrorText(), kOpenTimedOut);
+  EXPECT_FALSE(server.IsConnected());
+  EXPECT_TRUE(server.IsConnecting());
+}
+
+TEST(PipeChannel, AcceptsClientOfTheExpectedProcess) {
+  NamedPipeChannel server;
+  server.SetExpectedPeerProcessId(OwnProcessId());
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  EXPECT_TRUE(server.IsConnected());
+}
+
+TEST(PipeChannel, ReopeningClosesTheEarlierConnection) {
+  NamedPipeChannel server;
+  RawClient first;
+  ASSERT_TRUE(OpenWithRawClient(server, first, UniquePipeName()));
+  server.Post("dropped?");
+  RawClient second;
+  ASSERT_TRUE(OpenWithRawClient(server, second, UniquePipeName()));
+  EXPECT_TRUE(first.WaitForFailure());
+  server.Post("to the second");
+  std::string packet;
+  ASSERT_TRUE(second.Read(packet));
+  EXPECT_EQ(packet.substr(8, 13), "to the second");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(PipeChannelListen, EndpointExistsBeforeTheClientStarts) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  server.SetOpenTimeLimitMs(5000);
+  ASSERT_TRUE(server.Listen(name));
+  EXPECT_TRUE(server.IsConnecting());
+  // A client that connects once, without retrying, finds the endpoint already there.
+  RawClient client;
+  EXPECT_EQ(client.ConnectOnce(name), 0u);
+  EXPECT_TRUE(server.WaitForConnection());
+  EXPECT_TRUE(server.IsConnected());
+  EXPECT_FALSE(server.HasError());
+}
+
+TEST(PipeChannelListen, RefusesANameThatIsTaken) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel first;
+  ASSERT_TRUE(first.Listen(name));
+  NamedPipeChannel second;
+  EXPECT_FALSE(second.Listen(name));
+  EXPECT_EQ(second.ErrorText(), kOpenFailed);
+  EXPECT_FALSE(second.IsConnecting());
+  EXPECT_FALSE(second.WaitForConnection());
+}
+
+TEST(PipeChannelListen, PeerExitEndsTheWaitAtOnce) {
+  NamedPipeChannel server;
+  ASSERT_TRUE(server.Listen(UniquePipeName()));
+  const auto start = Clock::now();
+  std::thread notifier([&server] {
+    std::this_thread::sleep_for(50ms);
+    server.NotifyPeerExited();
+  });
+  EXPECT_FALSE(server.WaitForConnection());
+  notifier.join();
+  EXPECT_LT(Clock::now() - start, 3s);
+  EXPECT_EQ(server.ErrorText(), kNoClient);
+  EXPECT_FALSE(server.IsConnecting());
+}
+
+TEST(PipeChannelListen, PeerExitAfterConnectingChangesNothing) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  ASSERT_TRUE(server.Listen(name));
+  RawClient client;
+  ASSERT_TRUE(client.Connect(name));
+  ASSERT_TRUE(server.WaitForConnection());
+  server.NotifyPeerExited();
+  std::this_thread::sleep_for(50ms);
+  EXPECT_TRUE(server.IsConnected());
+  EXPECT_FALSE(server.HasError());
+}
+
+}  // namespace
