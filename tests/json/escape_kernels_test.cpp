@@ -11,9 +11,12 @@
 #include "json/JsonParser.h"
 #include "json/JsonWriter.h"
 #include "json/detail/JsonTokenizer.h"
+#include "tests/support/SlowJsonEscapes.h"
 
 namespace Pendrel::detail {
 namespace {
+
+using pendrel_test::EscapeSlowly;
 
 char RawOfLetter(char letter) {
   switch (letter) {
@@ -36,42 +39,6 @@ char RawOfLetter(char letter) {
     default:
       return '\0';
   }
-}
-
-std::string EscapeSlowly(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '/':
-        out += "\\/";
-        break;
-      case '"':
-        out += "\\\"";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        out += c;
-        break;
-    }
-  }
-  return out;
 }
 
 std::string UnescapeSlowly(const std::string& text) {

@@ -7,9 +7,12 @@
 
 #include "json/JsonParser.h"
 #include "json/JsonValue.h"
+#include "tests/support/SlowJsonEscapes.h"
 
 namespace Pendrel {
 namespace {
+
+using pendrel_test::EscapeSlowly;
 
 std::string Write(const JsonValue& value) {
   std::string out;
@@ -27,43 +30,6 @@ JsonValue Bool(bool flag) {
   JsonValue value = MakeValue(JsonKind::Bool);
   SetBool(value, flag);
   return value;
-}
-
-// The escaping written out byte by byte, to check the bulk version against.
-std::string EscapeSlowly(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '/':
-        out += "\\/";
-        break;
-      case '"':
-        out += "\\\"";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        out += c;
-        break;
-    }
-  }
-  return out;
 }
 
 TEST(JsonWriter, WritesCompactObjectWithArray) {

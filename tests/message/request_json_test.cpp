@@ -6,9 +6,12 @@
 #include "json/TextConversion.h"
 #include "message/CRequest.h"
 #include "tests/support/RandomText.h"
+#include "tests/support/RecordChecks.h"
 
 namespace Pendrel {
 namespace {
+
+using pendrel_test::ExpectSameFiles;
 
 CMimeFile File(EMimeType type, std::wstring fileName, std::wstring name, std::string data) {
   CMimeFile file;
@@ -23,17 +26,6 @@ CRequest Read(const std::string& json) {
   CRequest request;
   EXPECT_TRUE(request.FromJsonString(json)) << json;
   return request;
-}
-
-void ExpectSameFiles(const std::vector<CMimeFile>& actual, const std::vector<CMimeFile>& expected) {
-  ASSERT_EQ(actual.size(), expected.size());
-  for (std::size_t i = 0; i < actual.size(); ++i) {
-    EXPECT_EQ(actual[i].Type, expected[i].Type) << i;
-    EXPECT_EQ(actual[i].FileName, expected[i].FileName) << i;
-    EXPECT_EQ(actual[i].Name, expected[i].Name) << i;
-    EXPECT_TRUE(actual[i].Data == expected[i].Data) << i;
-    EXPECT_EQ(actual[i].IsAttachment, expected[i].IsAttachment) << i;
-  }
 }
 
 TEST(RequestJson, WritesTheDocumentOfTheExample) {

@@ -7,9 +7,12 @@
 
 #include "message/CResponse.h"
 #include "tests/support/RandomText.h"
+#include "tests/support/RecordChecks.h"
 
 namespace Pendrel {
 namespace {
+
+using pendrel_test::ExpectSameFiles;
 
 constexpr EStatus Status(int value) { return static_cast<EStatus>(value); }
 
@@ -43,17 +46,6 @@ CResponse ExampleResponse() {
   response.Progress.IsSet = true;
   response.Data.push_back(File(Text, L"out.txt", L"Result", "line one\nline two", false));
   return response;
-}
-
-void ExpectSameFiles(const std::vector<CMimeFile>& actual, const std::vector<CMimeFile>& expected) {
-  ASSERT_EQ(actual.size(), expected.size());
-  for (std::size_t i = 0; i < actual.size(); ++i) {
-    EXPECT_EQ(actual[i].Type, expected[i].Type) << i;
-    EXPECT_EQ(actual[i].FileName, expected[i].FileName) << i;
-    EXPECT_EQ(actual[i].Name, expected[i].Name) << i;
-    EXPECT_TRUE(actual[i].Data == expected[i].Data) << i;
-    EXPECT_EQ(actual[i].IsAttachment, expected[i].IsAttachment) << i;
-  }
 }
 
 void ExpectSameProgress(const CProgress& actual, const CProgress& expected) {
