@@ -235,6 +235,9 @@ struct NamedPipeChannel::Impl {
   std::wstring name;
   EPipeEnd end = EPipeEnd::Server;
   bool listening = false;  // the server endpoint was made by Listen on the owner's thread
+  // Made by Listen and waiting for WaitForConnection to hand it to the worker.
+  std::unique_ptr<detail::PipeTransport> pendingEndpoint;  // guarded by mutex
+  std::wstring listeningName;                              // guarded by mutex
   detail::PipeTransport* workerTransport = nullptr;
   std::thread worker;
 
@@ -413,15 +416,18 @@ bool NamedPipeChannel::Open(const std::wstring& name, EPipeEnd end) {
 }
 
 bool NamedPipeChannel::Listen(const std::wstring& name) {
-  if (m_impl->worker.joinable()) Close();
+  Impl& impl = *m_impl;
+  if (impl.worker.joinable()) Close();
   auto transport = std::make_unique<detail::PipeTransport>();
-  // The endpoint exists before this returns, so a client started afterwards finds it.
-  if (transport->Listen(name) != 0) {
-    const std::lock_guard<std::mutex> lock(m_impl->mutex);
-    m_impl->errorText = MakeText(EChannelText::OpenFailed);
-    return false;
-  }
-  return StartWorker(name, EPipeEnd::Server, std::move(transport));
+  // The endpoint exists before this returns, so a client started afterwards finds it; it is
+  // accepted only once WaitForConnection runs, by then with the expected process id known.
+  const bool made = transport->Listen(name) == 0;
+  const std::lock_guard<std::mutex> lock(impl.mutex);
+  impl.errorText = made ? std::wstring() : MakeText(EChannelText::OpenFailed);
+  impl.peerExited = false;
+  impl.listeningName = name;
+  impl.pendingEndpoint = made ? std::move(transport) : nullptr;
+  return made;
 }
 
 bool NamedPipeChannel::StartWorker(const std::wstring& name, EPipeEnd end,
@@ -438,7 +444,6 @@ bool NamedPipeChannel::StartWorker(const std::wstring& name, EPipeEnd end,
     impl.end = end;
     impl.listening = alreadyListening;
     impl.stop = false;
-    impl.peerExited = false;
     impl.connected = false;
     impl.connecting = true;
     impl.flushRequest = false;
@@ -462,6 +467,14 @@ bool NamedPipeChannel::StartWorker(const std::wstring& name, EPipeEnd end,
 
 bool NamedPipeChannel::WaitForConnection() {
   Impl& impl = *m_impl;
+  std::unique_ptr<detail::PipeTransport> listening;
+  {
+    const std::lock_guard<std::mutex> lock(impl.mutex);
+    listening = std::move(impl.pendingEndpoint);
+  }
+  if (listening && !StartWorker(impl.listeningName, EPipeEnd::Server, std::move(listening))) {
+    return false;
+  }
   std::unique_lock<std::mutex> lock(impl.mutex);
   if (impl.changed.wait_for(lock, milliseconds(impl.openTimeLimitMs.load()),
                             [&impl] { return !impl.connecting; })) {
@@ -494,6 +507,7 @@ void NamedPipeChannel::Close() {
     impl.worker.join();
   }
   const std::lock_guard<std::mutex> lock(impl.mutex);
+  impl.pendingEndpoint.reset();
   impl.transport.reset();
   impl.workerTransport = nullptr;
   impl.sendQueue.clear();
@@ -526,7 +540,14 @@ bool NamedPipeChannel::TakeMessage(std::string& message) {
   if (m_impl->receiveQueue.empty()) return false;
   message = std::move(m_impl->receiveQueue.front());
   m_impl->receiveQueue.pop_front();
+  m_impl->changed.notify_all();
   return true;
+}
+
+bool NamedPipeChannel::WaitUntilNothingReceived(milliseconds timeout) {
+  Impl& impl = *m_impl;
+  std::unique_lock<std::mutex> lock(impl.mutex);
+  return impl.changed.wait_for(lock, timeout, [&impl] { return impl.receiveQueue.empty(); });
 }
 
 EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds timeout) {
@@ -537,6 +558,7 @@ EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds 
     if (!impl.receiveQueue.empty()) {
       message = std::move(impl.receiveQueue.front());
       impl.receiveQueue.pop_front();
+      impl.changed.notify_all();
       return EWaitResult::Message;
     }
     if (!impl.errorText.empty()) return EWaitResult::Error;

@@ -63,11 +63,11 @@ class NamedPipeChannel {
   bool Open(const std::wstring& name, EPipeEnd end = EPipeEnd::Server);
 
   // The two halves of opening the server end, for owners that start the client process in
-  // between. Listen creates the endpoint `name` at once (so a client started afterwards
-  // finds it) and starts the worker waiting for the client; it returns false, with the
-  // "Ошибка открытия канала NamedPipe" text, when the name is taken or cannot be made.
-  // WaitForConnection then waits like Open: true once connected, false on failure or after
-  // OpenTimeLimitMs().
+  // between. Listen creates the endpoint `name` at once, so a client started afterwards
+  // finds it; it returns false, with the "Ошибка открытия канала NamedPipe" text, when the
+  // name is taken or cannot be made. WaitForConnection starts the worker, which accepts a
+  // client only now, when ExpectedPeerProcessId() is known, and waits like Open: true once
+  // connected, false on failure or after OpenTimeLimitMs().
   bool Listen(const std::wstring& name);
   bool WaitForConnection();
 
@@ -91,6 +91,9 @@ class NamedPipeChannel {
   std::size_t ReceivedCount() const;
   // Takes the oldest received message; false (and `message` untouched) if there is none.
   bool TakeMessage(std::string& message);
+  // Blocks until the receive queue is empty (someone took what was there) or `timeout`
+  // passes; returns whether it is empty.
+  bool WaitUntilNothingReceived(std::chrono::milliseconds timeout);
   // Blocks until a message can be taken (it is, into `message`), the error text is set, or
   // `timeout` passes, and says which came first in that order of checks.
   EWaitResult WaitForMessage(std::string& message, std::chrono::milliseconds timeout);

@@ -1,5 +1,5 @@
-// Opening files named by wide paths, the one place where the message model meets the file
-// system. One implementation per platform (FileOpen_win.cpp, FileOpen_posix.cpp).
+// Opening files named by wide paths, the one place where the library meets the file system.
+// One implementation per platform (FileOpen_win.cpp, FileOpen_posix.cpp).
 #pragma once
 
 #include <cstdio>  // std::FILE
@@ -15,12 +15,21 @@ struct FileCloser {
 // An open C stream, closed when the owner goes.
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
-// Opens `path` for binary reading; null when it cannot be opened. The descriptor is not
-// inherited by child processes started meanwhile.
-FilePtr OpenForBinaryRead(const std::wstring& path);
+// Opens `path` with the C library's `mode` ("rb", "a", "w", …); null when it cannot be
+// opened. The descriptor is not inherited by child processes started meanwhile.
+FilePtr OpenFile(const std::wstring& path, const char* mode);
+
+inline FilePtr OpenForBinaryRead(const std::wstring& path) { return OpenFile(path, "rb"); }
 
 // Whether `c` ends the directory part of a path. Windows names split only at "\" (a "/" is
 // kept in the file name, as hosts expect); other systems split at both "/" and "\".
 bool IsPathSeparator(wchar_t c);
+
+// The separator this system writes between folder and file names.
+wchar_t PreferredPathSeparator();
+
+// Creates the folder `path` (its parent must exist); an existing folder is no failure, and
+// nothing is reported either way.
+void CreateFolder(const std::wstring& path);
 
 }  // namespace Pendrel::detail

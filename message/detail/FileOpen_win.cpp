@@ -1,14 +1,21 @@
-#include <stdio.h>  // _wfopen
+#include <stdio.h>    // _wfopen
+#include <windows.h>  // CreateDirectoryW
 
 #include "message/detail/FileOpen.h"
 
 namespace Pendrel::detail {
 
-FilePtr OpenForBinaryRead(const std::wstring& path) {
+FilePtr OpenFile(const std::wstring& path, const char* mode) {
+  std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
   // "N": not inherited by processes started while the file is open.
-  return FilePtr(_wfopen(path.c_str(), L"rbN"));
+  wideMode += L'N';
+  return FilePtr(_wfopen(path.c_str(), wideMode.c_str()));
 }
 
 bool IsPathSeparator(wchar_t c) { return c == L'\\'; }
+
+wchar_t PreferredPathSeparator() { return L'\\'; }
+
+void CreateFolder(const std::wstring& path) { CreateDirectoryW(path.c_str(), nullptr); }
 
 }  // namespace Pendrel::detail

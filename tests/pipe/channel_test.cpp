@@ -341,7 +341,6 @@ TEST(PipeChannelListen, EndpointExistsBeforeTheClientStarts) {
   NamedPipeChannel server;
   server.SetOpenTimeLimitMs(5000);
   ASSERT_TRUE(server.Listen(name));
-  EXPECT_TRUE(server.IsConnecting());
   // A client that connects once, without retrying, finds the endpoint already there.
   RawClient client;
   EXPECT_EQ(client.ConnectOnce(name), 0u);
@@ -376,6 +375,27 @@ TEST(PipeChannelListen, PeerExitEndsTheWaitAtOnce) {
   EXPECT_FALSE(server.IsConnecting());
 }
 
+TEST(PipeChannelListen, PeerExitBeforeWaitingFailsTheWait) {
+  NamedPipeChannel server;
+  ASSERT_TRUE(server.Listen(UniquePipeName()));
+  server.NotifyPeerExited();
+  const auto start = Clock::now();
+  EXPECT_FALSE(server.WaitForConnection());
+  EXPECT_LT(Clock::now() - start, 3s);
+  EXPECT_EQ(server.ErrorText(), kNoClient);
+}
+
+TEST(PipeChannelListen, ClosingUnusedEndpointFreesTheName) {
+  const std::wstring name = UniquePipeName();
+  {
+    NamedPipeChannel first;
+    ASSERT_TRUE(first.Listen(name));
+    first.Close();
+  }
+  NamedPipeChannel second;
+  EXPECT_TRUE(second.Listen(name));
+}
+
 TEST(PipeChannelListen, PeerExitAfterConnectingChangesNothing) {
   const std::wstring name = UniquePipeName();
   NamedPipeChannel server;
@@ -387,6 +407,32 @@ TEST(PipeChannelListen, PeerExitAfterConnectingChangesNothing) {
   std::this_thread::sleep_for(50ms);
   EXPECT_TRUE(server.IsConnected());
   EXPECT_FALSE(server.HasError());
+}
+
+}  // namespace
+
+namespace {
+
+TEST(PipeChannelReceiveQueue, WaitUntilNothingReceivedSeesTheQueueEmptied) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(pendrel_test::OpenWithRawClient(server, client, name));
+  EXPECT_TRUE(server.WaitUntilNothingReceived(0ms)) << "nothing received yet";
+  ASSERT_TRUE(client.Write(pendrel_test::MakePacket(0, 2, "hi", 32768)));
+  std::string message;
+  ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Message);
+  ASSERT_TRUE(client.Write(pendrel_test::MakePacket(0, 2, "ho", 32768)));
+  const auto start = Clock::now();
+  while (!server.HasMessage() && Clock::now() - start < 5s) std::this_thread::sleep_for(1ms);
+  EXPECT_FALSE(server.WaitUntilNothingReceived(20ms));
+  std::thread taker([&server] {
+    std::this_thread::sleep_for(30ms);
+    std::string taken;
+    server.TakeMessage(taken);
+  });
+  EXPECT_TRUE(server.WaitUntilNothingReceived(5s));
+  taker.join();
 }
 
 }  // namespace

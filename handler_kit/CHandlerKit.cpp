@@ -1,0 +1,192 @@
+#include "handler_kit/CHandlerKit.h"
+
+#include <algorithm>  // std::min
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "json/TextConversion.h"
+#include "pipe/NamedPipeChannel.h"
+
+namespace PendrelKit {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+// How often Run looks at the stop flag while no message comes; the channel offers no way
+// to wake a waiting reader from another thread.
+constexpr auto kStopCheckInterval = 100ms;
+constexpr auto kConnectRetryInterval = 20ms;
+// Enough of an unknown message to recognise it in the error answer.
+constexpr std::size_t kQuotedWordLimit = 64;
+
+Pendrel::CResponse FailureAnswer(const char* what) {
+  std::wstring message = L"The handler failed";
+  if (what != nullptr && *what != '\0') message += L": " + Pendrel::Utf8ToUtf16(what);
+  return Pendrel::CResponse(std::move(message));
+}
+
+}  // namespace
+
+struct CHandlerKit::Impl {
+  Pendrel::NamedPipeChannel channel;
+  std::atomic<bool> stop{false};
+  mutable std::mutex mutex;
+  std::wstring lastErrorText;  // guarded by mutex
+
+  // True once connected; false on time-out or Stop.
+  bool Connect(const std::wstring& name, std::chrono::milliseconds timeout) {
+    const Clock::time_point deadline = Clock::now() + timeout;
+    for (;;) {
+      if (stop) return false;
+      if (channel.Open(name, Pendrel::EPipeEnd::Client)) return true;
+      if (Clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(kConnectRetryInterval);
+    }
+  }
+
+  void SetLastErrorText(std::wstring text) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    lastErrorText = std::move(text);
+  }
+};
+
+CHandlerKit::CHandlerKit() : LibVersion(Pendrel::Version), m_impl(std::make_unique<Impl>()) {}
+
+CHandlerKit::~CHandlerKit() = default;
+
+int CHandlerKit::Run(const CHandlerArguments& arguments) {
+  Impl& impl = *m_impl;
+  if (impl.stop) return kExitPipeClosed;
+  if (!impl.Connect(arguments.PipeName, std::chrono::milliseconds(ConnectTimeMs))) {
+    impl.SetLastErrorText(impl.channel.TakeErrorText());
+    impl.channel.Close();
+    return impl.stop ? kExitPipeClosed : kExitNoConnection;
+  }
+  impl.SetLastErrorText(std::wstring());
+  if (OnConnected) {
+    try {
+      OnConnected();
+    } catch (...) {
+      // Nothing to answer yet; the conversation goes on.
+    }
+  }
+  bool pipeEnded = false;
+  while (!impl.stop && !pipeEnded) {
+    std::string message;
+    switch (impl.channel.WaitForMessage(message, kStopCheckInterval)) {
+      case Pendrel::EWaitResult::Message:
+        Handle(message);
+        break;
+      case Pendrel::EWaitResult::Error:
+        // How the library ends a handler: it closes its end of the pipe.
+        pipeEnded = true;
+        break;
+      case Pendrel::EWaitResult::TimedOut:
+        break;
+    }
+  }
+  impl.channel.Close();
+  impl.SetLastErrorText(impl.channel.TakeErrorText());
+  return kExitPipeClosed;
+}
+
+int CHandlerKit::Run(int argc, char** argv) {
+  CHandlerArguments arguments;
+  if (ParseArguments(argc, argv, arguments) != EArgumentError::None) return kExitBadArguments;
+  return Run(arguments);
+}
+
+int CHandlerKit::Run(int argc, wchar_t** argv) {
+  CHandlerArguments arguments;
+  if (ParseArguments(argc, argv, arguments) != EArgumentError::None) return kExitBadArguments;
+  return Run(arguments);
+}
+
+void CHandlerKit::Handle(const std::string& message) {
+  if (OnMessage) {
+    EMessageAction action = EMessageAction::Dispatch;
+    try {
+      action = OnMessage(message);
+    } catch (...) {
+      // The message is still owed its answer.
+    }
+    if (action == EMessageAction::Consumed) return;
+  }
+  std::string answer;
+  if (Dispatch(message, answer)) m_impl->channel.Post(std::move(answer));
+}
+
+bool CHandlerKit::Dispatch(const std::string& message, std::string& answer) {
+  const EMessageKind kind = ClassifyMessage(message);
+  if (kind == EMessageKind::CloseSession) {
+    try {
+      if (OnCloseSession) OnCloseSession();
+    } catch (...) {
+      // A notice without an answer: there is nobody to tell.
+    }
+    return false;
+  }
+  Pendrel::CResponse response;
+  try {
+    response = AnswerOf(kind, message);
+  } catch (const std::exception& error) {
+    response = FailureAnswer(error.what());
+  } catch (...) {
+    response = FailureAnswer(nullptr);
+  }
+  answer = response.ToJsonString();
+  return true;
+}
+
+Pendrel::CResponse CHandlerKit::AnswerOf(EMessageKind kind, const std::string& message) {
+  switch (kind) {
+    case EMessageKind::Request: {
+      if (!OnRequest) return Pendrel::CResponse(std::wstring(L"This handler serves no requests"));
+      Pendrel::CRequest request;
+      request.FromJsonString(message);
+      return OnRequest(request);
+    }
+    case EMessageKind::HandlerInfo:
+      return OnHandlerInfo ? OnHandlerInfo() : HandlerInfoAnswer(Info);
+    case EMessageKind::TaskInfo: {
+      const std::wstring taskCode = ParseTaskCode(message);
+      if (OnTaskInfo) return OnTaskInfo(taskCode);
+      const auto task = Tasks.find(taskCode);
+      if (task == Tasks.end()) return Pendrel::CResponse(L"Unknown task code: " + taskCode);
+      return TaskInfoAnswer(task->second);
+    }
+    case EMessageKind::InputFileSize:
+      return OnInputFileSize ? OnInputFileSize() : InputFileSizeAnswer(InputFileSize);
+    case EMessageKind::LibVersion:
+      return OnLibVersion ? OnLibVersion() : LibVersionAnswer(LibVersion);
+    case EMessageKind::AllOutputFiles:
+      return OnAllOutputFiles ? OnAllOutputFiles() : Pendrel::CResponse();
+    case EMessageKind::CreateSession:
+      return OnCreateSession ? OnCreateSession(ParseSessionInfo(message)) : Pendrel::CResponse();
+    case EMessageKind::CloseSession:
+    case EMessageKind::Unknown:
+      break;
+  }
+  if (OnUnknownMessage) return OnUnknownMessage(message);
+  const std::string word = message.substr(0, std::min(message.find('&'), kQuotedWordLimit));
+  return Pendrel::CResponse(L"Unknown message: " + Pendrel::Utf8ToUtf16(word));
+}
+
+bool CHandlerKit::Post(std::string message) {
+  if (!m_impl->channel.IsConnected()) return false;
+  return m_impl->channel.Post(std::move(message));
+}
+
+void CHandlerKit::Stop() { m_impl->stop = true; }
+
+std::wstring CHandlerKit::LastErrorText() const {
+  const std::lock_guard<std::mutex> lock(m_impl->mutex);
+  return m_impl->lastErrorText;
+}
+
+}  // namespace PendrelKit

@@ -1,0 +1,671 @@
+// CHandler end to end against the test handler program: starting, the exchange and its
+// error codes, the queries, sessions and the transaction log.
+#include "handler/CHandler.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "handler/detail/TestSeams.h"
+#include "json/TextConversion.h"
+#include "tests/handler/test_handler/TestHandler.h"
+#include "tests/support/TempDir.h"
+
+namespace CTolvane {
+
+// Reaches the private transaction log.
+struct CHandlerTestAccess {
+  static void Log(CHandler& handler, const std::string& request, const std::string& response) {
+    handler.LogTransaction(request, response);
+  }
+};
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+using pendrel_test::ReadRecordedMessages;
+using pendrel_test::TempDir;
+using pendrel_test::TestHandlerPath;
+using pendrel_test::WaitForRecordedMessages;
+
+const std::wstring kNoClient = L"Нет входящих подключений по каналу NamedPipe\n";
+const std::wstring kOpenTimedOut =
+    L"Вышло время ожидания создания нового подключения по именнованным каналам";
+const std::wstring kReadFailed = L"Ошибка чтения данных через NamedPipe";
+
+std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
+
+// A started test handler that records what it receives.
+class StartedHandler {
+ public:
+  explicit StartedHandler(const std::wstring& options = L"", int mode = 0) {
+    m_record = m_dir.path() / "record.bin";
+    std::wstring arguments = L"--record " + Quoted(m_record);
+    if (!options.empty()) arguments += L" " + options;
+    m_result = handler.Start(TestHandlerPath(), mode, arguments);
+  }
+
+  EErrorCode StartResult() const { return m_result; }
+  std::vector<std::string> Received(std::size_t atLeast = 0) const {
+    return WaitForRecordedMessages(m_record, atLeast, 5s);
+  }
+  TempDir& Dir() { return m_dir; }
+
+  CHandler handler;
+
+ private:
+  TempDir m_dir;
+  std::filesystem::path m_record;
+  EErrorCode m_result = Ok;
+};
+
+Pendrel::CMimeFile File(Pendrel::EMimeType type, const std::wstring& fileName, std::string data) {
+  Pendrel::CMimeFile file;
+  file.Type = type;
+  file.FileName = fileName;
+  file.Name = fileName.substr(0, fileName.rfind(L'.'));
+  file.Data = std::move(data);
+  return file;
+}
+
+Pendrel::CRequest SampleRequest(const std::wstring& command = L"PING") {
+  Pendrel::CRequest request;
+  request.Command = command;
+  request.CommandAtribute = L"plan";
+  request.CommandParams[L"PAGE"] = L"2";
+  request.RequestParams[L"LANG"] = L"\u00e9n";
+  return request;
+}
+
+std::string RandomBytes(std::size_t size, unsigned seed) {
+  std::string data(size, '\0');
+  std::uint32_t state = seed * 2654435761u + 1;
+  for (char& c : data) {
+    state = state * 1664525u + 1013904223u;
+    c = static_cast<char>(state >> 24);
+  }
+  return data;
+}
+
+// --- Start ----------------------------------------------------------------------------------
+
+TEST(HandlerStart, MissingProgramFailsAtOnce) {
+  CHandler handler;
+  const auto start = Clock::now();
+  EXPECT_EQ(handler.Start(L"pendrel-no-such-handler-program", 0, L""), StartFailed);
+  EXPECT_LT(Clock::now() - start, 5s);
+  EXPECT_EQ(handler.LastError(), StartFailed);
+  EXPECT_EQ(handler.GetResponseErrorMessage(), L"Ошибка запуска обработчика #2\n");
+  Pendrel::CResponse response;
+  EXPECT_EQ(handler.HandleRequest(SampleRequest(), response), NotStarted);
+}
+
+TEST(HandlerStart, HandlerThatExitsBeforeConnectingFailsAtOnce) {
+  CHandler handler;
+  const auto start = Clock::now();
+  EXPECT_EQ(handler.Start(TestHandlerPath(), 0, L"--exit-before-connect"), StartFailed);
+  EXPECT_LT(Clock::now() - start, 5s) << "noticed when the process ended, not after 10 s";
+  EXPECT_EQ(handler.GetResponseErrorMessage(), kNoClient);
+  EXPECT_EQ(handler.LastError(), StartFailed);
+}
+
+TEST(HandlerStart, HandlerThatNeverConnectsTimesOut) {
+  detail::SetStartConnectTimeLimitMs(1500);
+  CHandler handler;
+  const auto start = Clock::now();
+  EXPECT_EQ(handler.Start(TestHandlerPath(), 0, L"--never-connect --lifetime-ms 4000"),
+            StartFailed);
+  const auto waited = Clock::now() - start;
+  detail::SetStartConnectTimeLimitMs(10000);
+  EXPECT_GE(waited, 1400ms);
+  EXPECT_LT(waited, 4000ms);
+  EXPECT_EQ(handler.GetResponseErrorMessage(), kOpenTimedOut);
+  // The channel exists but never connected: queries are not started either.
+  unsigned version = 0;
+  EXPECT_EQ(handler.RequestLibVersion(version), NotStarted);
+  Pendrel::CResponse response;
+  EXPECT_EQ(handler.HandleRequest(SampleRequest(), response), NotStarted);
+}
+
+TEST(HandlerStart, PassesModeAndExtraArgumentsAndConnects) {
+  StartedHandler started(L"--info \"A b,Desc,9.9\"", 0);
+  ASSERT_EQ(started.StartResult(), Ok);
+  EXPECT_EQ(started.handler.LastError(), Ok);
+  CHandlerInfo info;
+  ASSERT_EQ(started.handler.RequestHandlerInfo(info), Ok);
+  EXPECT_EQ(info.Name, L"A b");
+  EXPECT_EQ(info.Description, L"Desc");
+  EXPECT_EQ(info.Version, L"9.9");
+}
+
+TEST(HandlerStart, SecondStartLetsGoOfTheFirstHandler) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  TempDir dir;
+  const auto secondRecord = dir.path() / "second.bin";
+  ASSERT_EQ(started.handler.Start(TestHandlerPath(), 0, L"--record " + Quoted(secondRecord)), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.HandleRequest(SampleRequest(L"SECOND"), response), Ok);
+  EXPECT_EQ(response.Parameters[L"Command"], L"SECOND");
+  EXPECT_EQ(WaitForRecordedMessages(secondRecord, 1, 5s).size(), 1u);
+  EXPECT_TRUE(started.Received().empty()) << "the first handler got nothing";
+}
+
+// --- Exchange -------------------------------------------------------------------------------
+
+TEST(HandlerExchange, NotStartedHandlerReportsNotStarted) {
+  CHandler handler;
+  Pendrel::CResponse response;
+  unsigned version = 0;
+  EXPECT_EQ(handler.RequestLibVersion(version), NotStarted);
+  EXPECT_EQ(handler.LastError(), Ok) << "DoRequest leaves the last error alone";
+  EXPECT_EQ(handler.HandleRequest(SampleRequest(), response), NotStarted);
+  EXPECT_EQ(handler.LastError(), NotStarted) << "HandleRequest makes it the last error";
+}
+
+TEST(HandlerExchange, SendsTheRequestJsonAndReadsTheAnswer) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  const Pendrel::CRequest request = SampleRequest();
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.HandleRequest(request, response), Ok);
+  EXPECT_EQ(response.Parameters[L"Command"], L"PING");
+  EXPECT_EQ(response.Parameters[L"CommandAtribute"], L"plan");
+  EXPECT_EQ(response.Parameters[L"CommandParam.PAGE"], L"2");
+  EXPECT_EQ(response.Parameters[L"LANG"], L"\u00e9n");
+  const auto received = started.Received(1);
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0], request.ToJsonString());
+}
+
+TEST(HandlerExchange, CarriesOneAndThreeFilesBothWays) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  for (std::size_t count : {1u, 3u}) {
+    Pendrel::CRequest request = SampleRequest();
+    for (std::size_t i = 0; i < count; ++i) {
+      request.InputData.push_back(
+          File(Pendrel::Pdf, L"f" + std::to_wstring(i) + L".pdf", RandomBytes(1000 + i, i)));
+    }
+    Pendrel::CResponse response;
+    ASSERT_EQ(started.handler.HandleRequest(request, response), Ok);
+    EXPECT_EQ(response.Status, 1) << "an answer with files is a file list";
+    ASSERT_EQ(response.Data.size(), count);
+    for (std::size_t i = 0; i < count; ++i) {
+      EXPECT_EQ(response.Data[i].FileName, request.InputData[i].FileName);
+      EXPECT_TRUE(response.Data[i].Data == request.InputData[i].Data);
+      EXPECT_EQ(response.Data[i].Type, Pendrel::Pdf);
+    }
+  }
+}
+
+TEST(HandlerExchange, CarriesFiftyMegabytesEachWay) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CRequest request = SampleRequest();
+  request.InputData.push_back(File(Pendrel::Zip, L"big.zip", RandomBytes(50u << 20, 7)));
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.HandleRequest(request, response), Ok);
+  ASSERT_EQ(response.Data.size(), 1u);
+  EXPECT_EQ(response.Data[0].Data.size(), request.InputData[0].Data.size());
+  EXPECT_TRUE(response.Data[0].Data == request.InputData[0].Data);
+}
+
+TEST(HandlerExchange, AnswerThatIsNotJsonReadsAsEmptyAndKeepsTheHandlerUsable) {
+  StartedHandler started(L"--not-json");
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  response.Session = L"S1";
+  response.Status = static_cast<Pendrel::EStatus>(7);
+  ASSERT_EQ(started.handler.HandleRequest(SampleRequest(), response), Ok);
+  EXPECT_EQ(response.Status, 0);
+  EXPECT_TRUE(response.Session.empty());
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), Ok);
+  EXPECT_EQ(started.handler.LastError(), Ok);
+}
+
+TEST(HandlerExchange, TimeoutSticksAndNothingMoreIsSent) {
+  StartedHandler started(L"--never-answer");
+  ASSERT_EQ(started.StartResult(), Ok);
+  started.handler.ResponseTimeoutS = 1;
+  Pendrel::CResponse response;
+  const auto start = Clock::now();
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ResponseTimeout);
+  EXPECT_GE(Clock::now() - start, 900ms);
+  const auto again = Clock::now();
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ResponseTimeout);
+  CHandlerInfo info;
+  EXPECT_EQ(started.handler.RequestHandlerInfo(info), ResponseTimeout);
+  EXPECT_LT(Clock::now() - again, 500ms) << "returned at once";
+  EXPECT_EQ(started.handler.LastError(), ResponseTimeout);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(started.Received(1).size(), 1u) << "only the first request went out";
+}
+
+TEST(HandlerExchange, HandlerKilledMidAnswerIsAChannelError) {
+  StartedHandler started(L"--crash-mid-answer 2");
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CRequest request = SampleRequest();
+  Pendrel::CResponse response;
+  const auto start = Clock::now();
+  EXPECT_EQ(started.handler.HandleRequest(request, response), ChannelError);
+  EXPECT_LT(Clock::now() - start, 10s);
+  EXPECT_EQ(started.handler.GetResponseErrorMessage().rfind(kReadFailed, 0), 0u)
+      << Pendrel::Utf16ToUtf8(started.handler.GetResponseErrorMessage());
+  // Sticky: nothing more is sent; HandleRequest finds the pipe gone.
+  unsigned version = 0;
+  EXPECT_EQ(started.handler.RequestLibVersion(version), ChannelError);
+  EXPECT_EQ(started.handler.HandleRequest(request, response), NotStarted);
+}
+
+TEST(HandlerExchange, LyingHeaderIsAReadFailure) {
+  StartedHandler started(L"--lying-header");
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ChannelError);
+  const std::wstring text = started.handler.GetResponseErrorMessage();
+  EXPECT_EQ(text.rfind(kReadFailed + L" (2) #", 0), 0u) << Pendrel::Utf16ToUtf8(text);
+}
+
+TEST(HandlerExchange, QueriesDoNotCheckTheConnectionButHandleRequestDoes) {
+  StartedHandler started(L"--exit-after 1");
+  ASSERT_EQ(started.StartResult(), Ok);
+  CHandler copy = started.handler;  // shares the pipe, keeps its own error state
+  copy.ResponseTimeoutS = 1;
+  CHandlerInfo info;
+  ASSERT_EQ(started.handler.RequestHandlerInfo(info), Ok);
+  unsigned version = 0;
+  EXPECT_EQ(started.handler.RequestLibVersion(version), ChannelError);
+  // The pipe is gone and its error text was taken: a query of the copy waits in vain...
+  EXPECT_EQ(copy.RequestLibVersion(version), ResponseTimeout);
+  // ...while HandleRequest of a copy sees the pipe is not connected.
+  CHandler fresh(copy);
+  Pendrel::CResponse response;
+  EXPECT_EQ(fresh.HandleRequest(SampleRequest(), response), NotStarted);
+  EXPECT_EQ(fresh.LastError(), NotStarted);
+}
+
+TEST(HandlerExchange, CopiesShareThePipe) {
+  auto started = std::make_unique<StartedHandler>();
+  ASSERT_EQ(started->StartResult(), Ok);
+  CHandler copy(started->handler);
+  CHandler assigned;
+  assigned = copy;
+  TempDir keep;
+  started.reset();  // the original goes; the copies still drive the same handler
+  Pendrel::CResponse response;
+  EXPECT_EQ(copy.HandleRequest(SampleRequest(L"ONE"), response), Ok);
+  EXPECT_EQ(response.Parameters[L"Command"], L"ONE");
+  EXPECT_EQ(assigned.HandleRequest(SampleRequest(L"TWO"), response), Ok);
+  EXPECT_EQ(response.Parameters[L"Command"], L"TWO");
+  assigned = assigned;
+  EXPECT_EQ(assigned.LastError(), Ok);
+}
+
+TEST(HandlerExchange, EightThreadsEachGetTheirOwnAnswer) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&started, &wrong, t] {
+      for (int i = 0; i < 20; ++i) {
+        const std::wstring command = L"T" + std::to_wstring(t) + L"_" + std::to_wstring(i);
+        Pendrel::CResponse response;
+        if (started.handler.HandleRequest(SampleRequest(command), response) != Ok ||
+            response.Parameters[L"Command"] != command) {
+          ++wrong;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(started.handler.LastError(), Ok);
+}
+
+TEST(HandlerExchange, FourHandlersAtOnce) {
+  std::vector<std::unique_ptr<StartedHandler>> handlers;
+  for (int i = 0; i < 4; ++i) {
+    handlers.push_back(std::make_unique<StartedHandler>(L"--delay-ms 20"));
+    ASSERT_EQ(handlers.back()->StartResult(), Ok);
+  }
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&handlers, &wrong, i] {
+      for (int k = 0; k < 5; ++k) {
+        const std::wstring command = L"H" + std::to_wstring(i) + L"_" + std::to_wstring(k);
+        Pendrel::CResponse response;
+        if (handlers[i]->handler.HandleRequest(SampleRequest(command), response) != Ok ||
+            response.Parameters[L"Command"] != command) {
+          ++wrong;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+  for (auto& handler : handlers) EXPECT_EQ(handler->Received(5).size(), 5u);
+}
+
+// --- Queries --------------------------------------------------------------------------------
+
+TEST(HandlerQueries, HandlerInfoReadsAllThreeValues) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  CHandlerInfo info;
+  ASSERT_EQ(started.handler.RequestHandlerInfo(info), Ok);
+  EXPECT_EQ(info.Name, pendrel_test::kDefaultHandlerName);
+  EXPECT_EQ(info.Description, pendrel_test::kDefaultHandlerDescription);
+  EXPECT_EQ(info.Version, pendrel_test::kDefaultHandlerVersion);
+  EXPECT_EQ(started.Received(1).at(0), "RequestHandlerInfo");
+}
+
+TEST(HandlerQueries, HandlerInfoWithoutVersionLeavesInfoUnchanged) {
+  StartedHandler started(L"--omit Version");
+  ASSERT_EQ(started.StartResult(), Ok);
+  CHandlerInfo info;
+  info.Name = L"kept";
+  EXPECT_EQ(started.handler.RequestHandlerInfo(info), Ok);
+  EXPECT_EQ(info.Name, L"kept");
+  EXPECT_TRUE(info.Description.empty());
+  EXPECT_TRUE(info.Version.empty());
+}
+
+TEST(HandlerQueries, TaskInfoSendsTheTaskCode) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  CHandlerTaskInfo info;
+  ASSERT_EQ(started.handler.RequestHandlerTaskInfo(L"T7", info), Ok);
+  EXPECT_EQ(info.Name, L"Task T7");
+  EXPECT_EQ(info.Description, L"Test task T7");
+  ASSERT_EQ(started.handler.RequestHandlerTaskInfo(L"\u00e9\u20ac", info), Ok);
+  const auto received = started.Received(2);
+  ASSERT_EQ(received.size(), 2u);
+  EXPECT_EQ(received[0], "RequestHandlerTaskInfo&TaskCode=T7");
+  EXPECT_EQ(received[1], "RequestHandlerTaskInfo&TaskCode=\xc3\xa9\xe2\x82\xac");
+}
+
+TEST(HandlerQueries, TaskInfoWithoutDescriptionLeavesInfoUnchanged) {
+  StartedHandler started(L"--omit Description");
+  ASSERT_EQ(started.StartResult(), Ok);
+  CHandlerTaskInfo info;
+  info.Name = L"kept";
+  EXPECT_EQ(started.handler.RequestHandlerTaskInfo(L"T1", info), Ok);
+  EXPECT_EQ(info.Name, L"kept");
+}
+
+TEST(HandlerQueries, InputFileSizeFillsTheLow32BitsOnly) {
+  StartedHandler started(L"--input-file-size 5000000000");
+  ASSERT_EQ(started.StartResult(), Ok);
+  unsigned long long size = 0;
+  ASSERT_EQ(started.handler.RequestInputFileSize(size), Ok);
+  EXPECT_EQ(size, 5000000000ull & 0xFFFFFFFFull);
+  size = 0xABCD000000000000ull;
+  ASSERT_EQ(started.handler.RequestInputFileSize(size), Ok);
+  EXPECT_EQ(size, 0xABCD000000000000ull | (5000000000ull & 0xFFFFFFFFull));
+  EXPECT_EQ(started.Received(1).at(0), "RequestInputFileSize");
+}
+
+TEST(HandlerQueries, InputFileSizeReadsSmallValuesAndIgnoresMissingOnes) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  unsigned long long size = 0;
+  ASSERT_EQ(started.handler.RequestInputFileSize(size), Ok);
+  EXPECT_EQ(size, 123456789u);
+  StartedHandler without(L"--omit InputFileSize");
+  ASSERT_EQ(without.StartResult(), Ok);
+  size = 77;
+  ASSERT_EQ(without.handler.RequestInputFileSize(size), Ok);
+  EXPECT_EQ(size, 77u);
+}
+
+TEST(HandlerQueries, LibVersionIsReadAsADecimal) {
+  StartedHandler started(L"--lib-version 17");
+  ASSERT_EQ(started.StartResult(), Ok);
+  unsigned version = 0;
+  ASSERT_EQ(started.handler.RequestLibVersion(version), Ok);
+  EXPECT_EQ(version, 17u);
+  EXPECT_EQ(started.Received(1).at(0), "RequestLibVersion");
+  StartedHandler missing(L"--omit LibVersion");
+  ASSERT_EQ(missing.StartResult(), Ok);
+  version = 5;
+  ASSERT_EQ(missing.handler.RequestLibVersion(version), Ok);
+  EXPECT_EQ(version, 5u) << "an empty text ends the stream before anything is read";
+  StartedHandler letters(L"--lib-version abc");
+  ASSERT_EQ(letters.StartResult(), Ok);
+  ASSERT_EQ(letters.handler.RequestLibVersion(version), Ok);
+  EXPECT_EQ(version, 0u) << "a failed number read stores 0";
+}
+
+TEST(HandlerQueries, AllOutputFilesFillTheCallersResponse) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CRequest request = SampleRequest();
+  request.InputData.push_back(File(Pendrel::Csv, L"a.csv", "1,2\n"));
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.HandleRequest(request, response), Ok);
+  Pendrel::CResponse all;
+  ASSERT_EQ(started.handler.RequestAllOutputFiles(all), Ok);
+  ASSERT_EQ(all.Data.size(), 1u);
+  EXPECT_EQ(all.Data[0].FileName, L"a.csv");
+  EXPECT_EQ(started.Received(2).at(1), "RequestAllOutputFiles");
+}
+
+// --- Sessions -------------------------------------------------------------------------------
+
+TEST(HandlerSessions, CreateSendsTheQueryText) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.OnCreateSession(L"17", L"operator1", L"42", L"H1", L"T7", L"run.log",
+                                            600, response),
+            Ok);
+  EXPECT_EQ(started.Received(1).at(0),
+            "OnCreateSession&SessionKey=17&User=operator1&HandleTaskID=42&HandlerCode=H1"
+            "&HandlerTaskCode=T7&LogFileName=run.log&TaskTimeoutS=600");
+  EXPECT_EQ(response.Session, L"17");
+}
+
+TEST(HandlerSessions, TimeoutSendsOnlyItsLow32Bits) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(
+      started.handler.OnCreateSession(L"1", L"u", L"2", L"H", L"T", L"l", 1ll << 32, response), Ok);
+  ASSERT_EQ(started.handler.OnCreateSession(L"1", L"u", L"2", L"H", L"T", L"l", (1ll << 32) + 5,
+                                            response),
+            Ok);
+  const auto received = started.Received(2);
+  ASSERT_EQ(received.size(), 2u);
+  EXPECT_NE(received[0].find("&TaskTimeoutS=0"), std::string::npos);
+  EXPECT_EQ(received[0].substr(received[0].size() - 15), "&TaskTimeoutS=0");
+  EXPECT_EQ(received[1].substr(received[1].size() - 15), "&TaskTimeoutS=5");
+}
+
+TEST(HandlerSessions, ValuesGoOutUnescaped) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(
+      started.handler.OnCreateSession(L"9", L"a&User=b", L"=", L"\u00e9", L"", L" ", 1, response),
+      Ok);
+  EXPECT_EQ(started.Received(1).at(0),
+            "OnCreateSession&SessionKey=9&User=a&User=b&HandleTaskID==&HandlerCode=\xc3\xa9"
+            "&HandlerTaskCode=&LogFileName= &TaskTimeoutS=1");
+  // The handler's side splits at the "&": its first "User" is "a".
+  EXPECT_EQ(response.Parameters[L"User"], L"a");
+}
+
+TEST(HandlerSessions, CloseIsFlushedWithoutAnAnswer) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  const auto start = Clock::now();
+  started.handler.OnCloseSession();
+  EXPECT_LT(Clock::now() - start, 3s);
+  EXPECT_EQ(started.Received(1).at(0), "OnCloseSession");
+  // No answer came back: the next exchange gets its own answer.
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.HandleRequest(SampleRequest(L"AFTER"), response), Ok);
+  EXPECT_EQ(response.Parameters[L"Command"], L"AFTER");
+}
+
+TEST(HandlerSessions, CloseWaitsOutAnUnreadAnswer) {
+  StartedHandler started(L"--flood 1");
+  ASSERT_EQ(started.StartResult(), Ok);
+  started.handler.ResponseTimeoutS = 1;
+  std::this_thread::sleep_for(300ms);  // the unrequested message arrives and nobody reads it
+  const auto start = Clock::now();
+  started.handler.OnCloseSession();
+  const auto waited = Clock::now() - start;
+  EXPECT_GE(waited, 900ms);
+  EXPECT_LT(waited, 5s);
+}
+
+// --- Transaction log ------------------------------------------------------------------------
+
+// Points the log at a folder of the test's own for as long as it lives.
+class LogFolder {
+ public:
+  LogFolder() : m_folder(m_dir.path() / "logs") {
+    detail::SetLogFolderOverride(m_folder.wstring() +
+                                 static_cast<wchar_t>(std::filesystem::path::preferred_separator));
+  }
+  ~LogFolder() { detail::SetLogFolderOverride(L""); }
+  const std::filesystem::path& Path() const { return m_folder; }
+  std::vector<std::string> Files() const {
+    std::vector<std::string> names;
+    if (!std::filesystem::exists(m_folder)) return names;
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream in(m_folder / name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+
+ private:
+  TempDir m_dir;
+  std::filesystem::path m_folder;
+};
+
+// A handler in `mode` whose session "17" fails its second exchange on the pipe.
+std::string FailAnExchange(int mode) {
+  StartedHandler started(L"--crash-mid-answer 1 --broken-at 2", mode);
+  EXPECT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  EXPECT_EQ(started.handler.OnCreateSession(L"17", L"u", L"1", L"H", L"T", L"l", 60, response), Ok);
+  const Pendrel::CRequest request = SampleRequest();
+  EXPECT_EQ(started.handler.HandleRequest(request, response), ChannelError);
+  return request.ToJsonString();
+}
+
+bool IsTimeStamp(const std::string& text) {
+  // "DD.MM.YYYY HH:MM:SS"
+  if (text.size() != 19) return false;
+  const std::string shape = "00.00.0000 00:00:00";
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    if (shape[i] == '0' ? !std::isdigit(static_cast<unsigned char>(text[i]))
+                        : text[i] != shape[i]) {
+      return false;
+    }
+  }
+  return true;
+}
+
+TEST(HandlerLog, ModeZeroWritesNothing) {
+  LogFolder log;
+  FailAnExchange(0);
+  EXPECT_FALSE(std::filesystem::exists(log.Path()));
+}
+
+TEST(HandlerLog, ModeFourWritesNothing) {
+  LogFolder log;
+  FailAnExchange(4);
+  EXPECT_FALSE(std::filesystem::exists(log.Path()));
+}
+
+TEST(HandlerLog, ModeOneWritesTheFullRecord) {
+  LogFolder log;
+  const std::string request = FailAnExchange(1);
+  const auto files = log.Files();
+  ASSERT_EQ(files.size(), 1u);
+  ASSERT_EQ(files[0].size(), std::string("017-00000-2.txt").size());
+  EXPECT_EQ(files[0].substr(0, 4), "017-");
+  EXPECT_EQ(files[0].substr(9), "-2.txt");
+  const std::string text = log.Read(files[0]);
+  EXPECT_TRUE(IsTimeStamp(text.substr(0, 19))) << text.substr(0, 19);
+  EXPECT_TRUE(text.substr(19) == "\nRequest:\n" + request + "\nResponse:\n\n");
+}
+
+TEST(HandlerLog, ModeTwoWritesTheListing) {
+  LogFolder log;
+  const std::string request = FailAnExchange(2);
+  const auto files = log.Files();
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_EQ(files[0], "Listing017.txt");
+  const std::string text = log.Read(files[0]);
+  EXPECT_TRUE(IsTimeStamp(text.substr(0, 19)));
+  const std::string rest = text.substr(19);
+  EXPECT_EQ(rest.substr(0, 17), " Transaction 017-");
+  EXPECT_EQ(rest.substr(22),
+            "-2; RequestSize=" + std::to_string(request.size()) + "; ResponseSize=0\n");
+}
+
+TEST(HandlerLog, ModeThreeWritesBoth) {
+  LogFolder log;
+  FailAnExchange(3);
+  const auto files = log.Files();
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(files[0].substr(0, 4), "017-");
+  EXPECT_EQ(files[1], "Listing017.txt");
+}
+
+TEST(HandlerLog, TagsPadSessionAndTime) {
+  LogFolder log;
+  StartedHandler started(L"", 3);
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.OnCreateSession(L"1234", L"u", L"1", L"H", L"T", L"l", 1, response),
+            Ok);
+  CHandlerTestAccess::Log(started.handler, "first", "");
+  CHandlerTestAccess::Log(started.handler, "second", "answer");
+  const auto files = log.Files();
+  ASSERT_EQ(files.size(), 2u) << "two entries in one tenth of a second share the file";
+  EXPECT_EQ(files[0].substr(0, 5), "1234-");
+  EXPECT_EQ(files[1], "Listing1234.txt");
+  const std::string record = log.Read(files[0]);
+  const std::size_t first = record.find("\nRequest:\nfirst\nResponse:\n\n");
+  const std::size_t second = record.find("\nRequest:\nsecond\nResponse:\nanswer\n");
+  ASSERT_NE(first, std::string::npos);
+  ASSERT_NE(second, std::string::npos);
+  EXPECT_LT(first, second);
+}
+
+TEST(HandlerLog, SessionTextThatIsNotANumberGivesZero) {
+  LogFolder log;
+  StartedHandler started(L"", 2);
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.OnCreateSession(L"abc", L"u", L"1", L"H", L"T", L"l", 1, response), Ok);
+  CHandlerTestAccess::Log(started.handler, "x", "");
+  EXPECT_EQ(log.Files(), std::vector<std::string>{"Listing000.txt"});
+}
+
+}  // namespace
+}  // namespace CTolvane
