@@ -3,7 +3,6 @@
 #include <algorithm>  // std::min, std::max
 #include <atomic>
 #include <condition_variable>
-#include <cstring>  // std::memcpy, std::memset
 #include <deque>
 #include <iterator>  // std::size
 #include <limits>
@@ -14,6 +13,7 @@
 #include <utility>
 
 #include "json/TextConversion.h"
+#include "pipe/detail/PacketFraming.h"
 #include "pipe/detail/PipeTransport.h"
 
 namespace Pendrel {
@@ -22,6 +22,8 @@ namespace {
 using detail::Clock;
 using detail::Deadline;
 using detail::ETransportFailure;
+using detail::MessageAssembler;
+using detail::PacketWriter;
 using std::chrono::milliseconds;
 
 // Every text the channel reports. Hosts and handlers' operators read these in logs, so the
@@ -88,6 +90,8 @@ EChannelText TextOfFailure(ETransportFailure failure) {
   return EChannelText::ReadFailed;
 }
 
+static_assert(NamedPipeChannel::kHeaderSize == detail::kPacketHeaderSize);
+
 // P: packets are never smaller than 128 bytes, whatever the field says.
 std::uint32_t WirePacketSize(std::uint32_t packetSize) {
   return std::max(packetSize, NamedPipeChannel::kMinPacketSize);
@@ -101,106 +105,6 @@ std::size_t MaxPacketSize(std::uint32_t wirePacketSize, std::uint64_t maxMessage
   return static_cast<std::size_t>(
       std::min(kLimit, std::max<std::uint64_t>(wirePacketSize, carrying)));
 }
-
-void PutLittleEndian32(char* out, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-}
-
-std::uint32_t GetLittleEndian32(const char* in) {
-  std::uint32_t value = 0;
-  for (int i = 3; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(in[i]);
-  return value;
-}
-
-// Cuts one message into packets: header (packets still to come, payload bytes), payload,
-// zero filler up to P bytes. An empty message is one packet with both words 0.
-class PacketWriter {
- public:
-  void Begin(std::string message, std::uint32_t wirePacketSize) {
-    m_message = std::move(message);
-    m_room = wirePacketSize - NamedPipeChannel::kHeaderSize;
-    m_count = m_message.empty() ? 1 : (m_message.size() - 1) / m_room + 1;
-    m_next = 0;
-    m_buffer.assign(wirePacketSize, '\0');
-  }
-
-  bool Active() const { return m_next < m_count; }
-
-  // The packet to write next. Valid until PacketSent().
-  std::string_view CurrentPacket() {
-    const std::size_t offset = m_next * m_room;
-    const std::size_t length = std::min(m_room, m_message.size() - offset);
-    char* const packet = m_buffer.data();
-    // A message would need more than 2^32 packets (hundreds of GiB) to overflow the count.
-    PutLittleEndian32(packet, static_cast<std::uint32_t>(m_count - m_next - 1));
-    PutLittleEndian32(packet + 4, static_cast<std::uint32_t>(length));
-    if (length > 0) {
-      std::memcpy(packet + NamedPipeChannel::kHeaderSize, m_message.data() + offset, length);
-    }
-    // The filler is cleared so that no earlier bytes of this process leave it.
-    std::memset(packet + NamedPipeChannel::kHeaderSize + length, 0, m_room - length);
-    return m_buffer;
-  }
-
-  // Moves to the next packet; true when the whole message has gone.
-  bool PacketSent() {
-    ++m_next;
-    if (Active()) return false;
-    m_message = std::string();
-    return true;
-  }
-
- private:
-  std::string m_message;
-  std::string m_buffer;
-  std::size_t m_room = 0;
-  std::size_t m_count = 0;
-  std::size_t m_next = 0;
-};
-
-// Puts received packets back together. Headers come from another process and are checked
-// before anything is copied or allocated: a payload must fit both the packet received and
-// the packet size, and the message the headers announce must fit the size limit.
-class MessageAssembler {
- public:
-  enum class EStep { Partial, Complete, Invalid, TooLarge };
-
-  EStep Add(std::string_view packet, std::uint32_t wirePacketSize, std::uint64_t maxMessageSize) {
-    constexpr std::size_t kHeader = NamedPipeChannel::kHeaderSize;
-    if (packet.size() < kHeader) return EStep::Invalid;
-    const std::uint32_t remaining = GetLittleEndian32(packet.data());
-    const std::uint32_t payload = GetLittleEndian32(packet.data() + 4);
-    const std::uint64_t room = wirePacketSize - kHeader;
-    if (payload > packet.size() - kHeader || payload > room) return EStep::Invalid;
-
-    // The smallest message these headers allow: the packets still to come are full but the
-    // last, which holds at least one byte.
-    const std::uint64_t have = std::uint64_t{m_message.size()} + payload;
-    if (have > maxMessageSize) return EStep::TooLarge;
-    if (remaining > 0 &&
-        (have == maxMessageSize || remaining - 1 > (maxMessageSize - have - 1) / room)) {
-      return EStep::TooLarge;
-    }
-
-    // Grown by hand so that the capacity never passes the limit.
-    const auto needed = static_cast<std::size_t>(have);
-    if (needed > m_message.capacity()) {
-      m_message.reserve(static_cast<std::size_t>(
-          std::min<std::uint64_t>(maxMessageSize, std::max(needed, 2 * m_message.capacity()))));
-    }
-    m_message.append(packet.data() + kHeader, payload);
-    m_remaining = remaining;
-    return remaining == 0 ? EStep::Complete : EStep::Partial;
-  }
-
-  bool InMessage() const { return m_remaining != 0; }
-  std::uint32_t Remaining() const { return m_remaining; }
-  std::string TakeMessage() { return std::exchange(m_message, std::string()); }
-
- private:
-  std::string m_message;
-  std::uint32_t m_remaining = 0;
-};
 
 }  // namespace
 
@@ -295,11 +199,13 @@ bool NamedPipeChannel::Impl::WaitForClient() {
     if (!listening && pipe.Listen(name) != 0) return FailConnecting(EChannelText::OpenFailed);
     const Deadline deadline = Clock::now() + milliseconds(timeLimitMs.load());
     for (bool accepted = false; !accepted;) {
-      // Close sets the stop flag to end the wait, and a client process that has ended will
-      // never come; both are reported like a time-out.
-      if (stop || peerExited) return FailConnecting(EChannelText::NoClient);
+      // Close sets the stop flag to end the wait; that is reported like a time-out.
+      if (stop) return FailConnecting(EChannelText::NoClient);
+      // Once the client's process is known to have ended, one last look without waiting:
+      // a client that connected just before it ended is still taken.
+      const bool ended = peerExited;
       std::uint32_t error = 0;
-      switch (pipe.Accept(expectedPid.load(), deadline, error)) {
+      switch (pipe.Accept(expectedPid.load(), ended ? Clock::now() : deadline, error)) {
         case detail::EAcceptResult::Connected:
           accepted = true;
           break;

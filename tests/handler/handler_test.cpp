@@ -149,6 +149,21 @@ TEST(HandlerStart, PassesModeAndExtraArgumentsAndConnects) {
   EXPECT_EQ(info.Version, L"9.9");
 }
 
+TEST(HandlerStart, PathWithBlankAndPlusIsQuotedAndStarts) {
+  TempDir dir;
+  const std::filesystem::path folder = dir.path() / "my handlers+x";
+  std::filesystem::create_directories(folder);
+  const std::filesystem::path original(TestHandlerPath());
+  const std::filesystem::path copy = folder / original.filename();
+  std::filesystem::copy_file(original, copy);
+  CHandler handler;
+  ASSERT_EQ(handler.Start(copy.wstring(), 0, L""), Ok)
+      << Pendrel::Utf16ToUtf8(handler.GetResponseErrorMessage());
+  unsigned version = 0;
+  EXPECT_EQ(handler.RequestLibVersion(version), Ok);
+  EXPECT_EQ(version, 4u);
+}
+
 TEST(HandlerStart, SecondStartLetsGoOfTheFirstHandler) {
   StartedHandler started;
   ASSERT_EQ(started.StartResult(), Ok);

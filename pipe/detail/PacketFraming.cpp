@@ -1,0 +1,87 @@
+#include "pipe/detail/PacketFraming.h"
+
+#include <algorithm>  // std::min, std::max
+#include <cstring>    // std::memcpy, std::memset
+#include <utility>    // std::exchange, std::move
+
+namespace Pendrel::detail {
+
+void PutLittleEndian32(char* out, std::uint32_t value) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
+}
+
+std::uint32_t GetLittleEndian32(const char* in) {
+  std::uint32_t value = 0;
+  for (int i = 3; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(in[i]);
+  return value;
+}
+
+void PacketWriter::Begin(std::string message, std::uint32_t wirePacketSize) {
+  m_message = std::move(message);
+  m_room = wirePacketSize - kPacketHeaderSize;
+  m_count = m_message.empty() ? 1 : (m_message.size() - 1) / m_room + 1;
+  m_next = 0;
+  m_buffer.assign(wirePacketSize, '\0');
+}
+
+std::string_view PacketWriter::CurrentPacket() {
+  const std::size_t offset = m_next * m_room;
+  const std::size_t length = std::min(m_room, m_message.size() - offset);
+  char* const packet = m_buffer.data();
+  // A message would need more than 2^32 packets (hundreds of GiB) to overflow the count.
+  PutLittleEndian32(packet, static_cast<std::uint32_t>(m_count - m_next - 1));
+  PutLittleEndian32(packet + 4, static_cast<std::uint32_t>(length));
+  if (length > 0) {
+    std::memcpy(packet + kPacketHeaderSize, m_message.data() + offset, length);
+  }
+  // The filler is cleared so that no earlier bytes of this process leave it.
+  std::memset(packet + kPacketHeaderSize + length, 0, m_room - length);
+  return m_buffer;
+}
+
+bool PacketWriter::PacketSent() {
+  ++m_next;
+  if (Active()) return false;
+  m_message = std::string();
+  return true;
+}
+
+MessageAssembler::EStep MessageAssembler::Add(std::string_view packet,
+                                              std::uint32_t wirePacketSize,
+                                              std::uint64_t maxMessageSize) {
+  constexpr std::size_t kHeader = kPacketHeaderSize;
+  if (packet.size() < kHeader) return EStep::Invalid;
+  const std::uint32_t remaining = GetLittleEndian32(packet.data());
+  const std::uint32_t payload = GetLittleEndian32(packet.data() + 4);
+  const std::uint64_t room = wirePacketSize - kHeader;
+  if (payload > packet.size() - kHeader || payload > room) return EStep::Invalid;
+
+  // The smallest message these headers allow: the packets still to come are full but the
+  // last, which holds at least one byte. They are as large as this one, not as ours: the
+  // sender chooses its packet size, and a smaller one must not make a message that fits
+  // look too large.
+  const std::uint64_t have = std::uint64_t{m_message.size()} + payload;
+  if (have > maxMessageSize) return EStep::TooLarge;
+  if (remaining > 0) {
+    const std::uint64_t senderRoom = std::min<std::uint64_t>(packet.size() - kHeader, room);
+    // Packets with no room cannot carry the byte the last one must hold.
+    if (senderRoom == 0) return EStep::Invalid;
+    if (have == maxMessageSize || remaining - 1 > (maxMessageSize - have - 1) / senderRoom) {
+      return EStep::TooLarge;
+    }
+  }
+
+  // Grown by hand so that the capacity never passes the limit.
+  const auto needed = static_cast<std::size_t>(have);
+  if (needed > m_message.capacity()) {
+    m_message.reserve(static_cast<std::size_t>(
+        std::min<std::uint64_t>(maxMessageSize, std::max(needed, 2 * m_message.capacity()))));
+  }
+  m_message.append(packet.data() + kHeader, payload);
+  m_remaining = remaining;
+  return remaining == 0 ? EStep::Complete : EStep::Partial;
+}
+
+std::string MessageAssembler::TakeMessage() { return std::exchange(m_message, std::string()); }
+
+}  // namespace Pendrel::detail

@@ -1,0 +1,76 @@
+// The channel's wire format without any pipe: cutting a message into packets and putting
+// received packets back together. Each packet starts with an 8-byte header of two
+// little-endian 32-bit words (packets still to come after this one, payload bytes in this
+// one), followed by the payload and zero filler up to the packet size.
+//
+// The channel's worker drives both classes; they touch no operating system resource, so
+// tests and fuzz targets feed them packets directly. Neither is synchronised: one thread
+// at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace Pendrel::detail {
+
+inline constexpr std::uint32_t kPacketHeaderSize = 8;
+
+void PutLittleEndian32(char* out, std::uint32_t value);
+std::uint32_t GetLittleEndian32(const char* in);
+
+// Cuts one message into packets of a fixed size. An empty message is one packet with both
+// header words 0.
+class PacketWriter {
+ public:
+  // Starts on `message`, cut into packets of `wirePacketSize` bytes (more than the header).
+  void Begin(std::string message, std::uint32_t wirePacketSize);
+
+  // Whether packets of the current message are left to write.
+  bool Active() const { return m_next < m_count; }
+
+  // The packet to write next. Valid until PacketSent() or Begin().
+  std::string_view CurrentPacket();
+
+  // Moves to the next packet; true when the whole message has gone.
+  bool PacketSent();
+
+ private:
+  std::string m_message;
+  std::string m_buffer;
+  std::size_t m_room = 0;
+  std::size_t m_count = 0;
+  std::size_t m_next = 0;
+};
+
+// Puts received packets back together. Headers come from another process and are checked
+// before anything is copied or allocated: a payload must fit both the packet received and
+// the packet size, and the message the headers announce must fit the size limit.
+class MessageAssembler {
+ public:
+  enum class EStep {
+    Partial,   // the packet was taken; more are to come
+    Complete,  // the packet ended a message: TakeMessage() gives it
+    Invalid,   // the header lies about the packet (the packet is not taken)
+    TooLarge,  // the message would pass `maxMessageSize` (the packet is not taken)
+  };
+
+  // Takes one packet as received. `wirePacketSize` is the receiver's packet size, which
+  // bounds the payload; `maxMessageSize` is the largest message accepted. After Invalid or
+  // TooLarge the assembler is left as it was; the channel gives up on the pipe then.
+  EStep Add(std::string_view packet, std::uint32_t wirePacketSize, std::uint64_t maxMessageSize);
+
+  // Whether a message has been started and not yet ended.
+  bool InMessage() const { return m_remaining != 0; }
+  // Packets still to come, as the last packet announced.
+  std::uint32_t Remaining() const { return m_remaining; }
+  // The message put together so far (the whole one after Complete); leaves none.
+  std::string TakeMessage();
+
+ private:
+  std::string m_message;
+  std::uint32_t m_remaining = 0;
+};
+
+}  // namespace Pendrel::detail
