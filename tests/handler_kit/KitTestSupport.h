@@ -12,6 +12,8 @@
 #include "handler_kit/CHandlerKit.h"
 #include "pipe/NamedPipeChannel.h"
 
+#include "tests/support/TestProcess.h"
+
 namespace pendrel_test {
 
 using namespace std::chrono_literals;
@@ -51,22 +53,10 @@ class KitConversation {
 // "_DM_=<mode>", "_EX_=2" and the extra arguments (one command line on Windows, an argument
 // vector split the library's way elsewhere). The destructor waits a little for it to end and
 // kills it if it does not, so no handler outlives its test.
-class HandlerProcess {
+class HandlerProcess : public TestProcess {
  public:
   HandlerProcess(const std::wstring& path, const std::wstring& pipeName, int mode,
                  const std::wstring& extraArguments);
-  ~HandlerProcess();
-  HandlerProcess(const HandlerProcess&) = delete;
-  HandlerProcess& operator=(const HandlerProcess&) = delete;
-
-  bool Started() const;
-  std::uint32_t ProcessId() const;
-  // Waits for the end; the exit code, or -1 on time-out.
-  int Wait(std::chrono::milliseconds timeout);
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace pendrel_test

@@ -29,35 +29,13 @@ using Pendrel::detail::Clock;
 using Pendrel::detail::Deadline;
 using Pendrel::detail::ETransportFailure;
 
-std::wstring UniquePipeName() {
-  static std::atomic<unsigned> counter{0};
-  std::string name = "pt" + std::to_string(OwnProcessId()) + "-" + std::to_string(++counter);
-  if (const auto* test = testing::UnitTest::GetInstance()->current_test_info()) {
-    name += "-";
-    name += test->name();
-  }
-  // Parameterised tests are named "Test/3"; a name must not leave the pipe's folder.
-  for (char& c : name) {
-    if (!std::isalnum(static_cast<unsigned char>(c))) c = '-';
-  }
-  // Socket paths are short (108 bytes with their folder).
-  name.resize(std::min<std::size_t>(name.size(), 60));
-  return std::wstring(name.begin(), name.end());
-}
+std::wstring UniquePipeName() { return UniqueTestPipeName("pt"); }
 
 std::uint32_t PeerGoneCode() {
 #ifdef _WIN32
   return ERROR_BROKEN_PIPE;
 #else
   return EPIPE;
-#endif
-}
-
-std::uint32_t OwnProcessId() {
-#ifdef _WIN32
-  return ::GetCurrentProcessId();
-#else
-  return static_cast<std::uint32_t>(::getpid());
 #endif
 }
 
@@ -149,118 +127,18 @@ bool OpenWithRawClient(Pendrel::NamedPipeChannel& server, RawClient& client,
 
 namespace {
 
-std::filesystem::path OwnExecutable() {
-#ifdef _WIN32
-  std::wstring path(32768, L'\0');
-  path.resize(::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-  return path;
-#else
-  return std::filesystem::read_symlink("/proc/self/exe");
-#endif
+std::vector<std::wstring> ChildArguments(const std::vector<std::string>& arguments) {
+  std::vector<std::wstring> all{OwnExecutable().wstring()};
+  for (const std::string& argument : arguments) {
+    all.push_back(std::filesystem::path(argument).wstring());
+  }
+  return all;
 }
 
 }  // namespace
 
-#ifdef _WIN32
-
-struct ChildProcess::Impl {
-  PROCESS_INFORMATION info{};
-  bool started = false;
-  bool ended = false;
-};
-
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments)
-    : m_impl(std::make_unique<Impl>()) {
-  std::wstring commandLine = L"\"" + OwnExecutable().wstring() + L"\"";
-  for (const std::string& argument : arguments) {
-    commandLine += L" \"" + std::filesystem::path(argument).wstring() + L"\"";
-  }
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  m_impl->started = ::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0,
-                                     nullptr, nullptr, &startup, &m_impl->info) != 0;
-}
-
-ChildProcess::~ChildProcess() {
-  if (!m_impl->started) return;
-  if (!m_impl->ended && Wait(10s) == -1) {
-    ::TerminateProcess(m_impl->info.hProcess, 99);
-    ::WaitForSingleObject(m_impl->info.hProcess, INFINITE);
-  }
-  ::CloseHandle(m_impl->info.hThread);
-  ::CloseHandle(m_impl->info.hProcess);
-}
-
-bool ChildProcess::Started() const { return m_impl->started; }
-
-std::uint32_t ChildProcess::ProcessId() const { return m_impl->info.dwProcessId; }
-
-int ChildProcess::Wait(std::chrono::milliseconds timeout) {
-  if (!m_impl->started) return -1;
-  if (::WaitForSingleObject(m_impl->info.hProcess, static_cast<DWORD>(timeout.count())) !=
-      WAIT_OBJECT_0) {
-    return -1;
-  }
-  m_impl->ended = true;
-  DWORD code = 0;
-  ::GetExitCodeProcess(m_impl->info.hProcess, &code);
-  return static_cast<int>(code);
-}
-
-#else
-
-struct ChildProcess::Impl {
-  pid_t pid = -1;
-  bool ended = false;
-  int exitCode = -1;
-};
-
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments)
-    : m_impl(std::make_unique<Impl>()) {
-  const std::string executable = OwnExecutable().string();
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(executable.c_str()));
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  if (::posix_spawn(&pid, executable.c_str(), nullptr, nullptr, argv.data(), environ) == 0) {
-    m_impl->pid = pid;
-  }
-}
-
-ChildProcess::~ChildProcess() {
-  if (m_impl->pid <= 0 || m_impl->ended) return;
-  if (Wait(10s) == -1) {
-    ::kill(m_impl->pid, SIGKILL);
-    int status = 0;
-    while (::waitpid(m_impl->pid, &status, 0) == -1 && errno == EINTR) {
-    }
-  }
-}
-
-bool ChildProcess::Started() const { return m_impl->pid > 0; }
-
-std::uint32_t ChildProcess::ProcessId() const { return static_cast<std::uint32_t>(m_impl->pid); }
-
-int ChildProcess::Wait(std::chrono::milliseconds timeout) {
-  if (m_impl->pid <= 0) return -1;
-  if (m_impl->ended) return m_impl->exitCode;
-  const auto deadline = Clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    const pid_t done = ::waitpid(m_impl->pid, &status, WNOHANG);
-    if (done == m_impl->pid) {
-      m_impl->ended = true;
-      m_impl->exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return m_impl->exitCode;
-    }
-    if (done == -1 && errno != EINTR) return -1;
-    if (Clock::now() >= deadline) return -1;
-    std::this_thread::sleep_for(10ms);
-  }
-}
-
-#endif
+    : TestProcess(ChildArguments(arguments)) {}
 
 // ---- Child mode ----
 

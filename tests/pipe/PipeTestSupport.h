@@ -13,6 +13,7 @@
 
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
+#include "tests/support/TestProcess.h"
 
 namespace pendrel_test {
 
@@ -24,8 +25,6 @@ std::wstring UniquePipeName();
 
 // The error number a reader sees when its peer has closed its end.
 std::uint32_t PeerGoneCode();
-
-std::uint32_t OwnProcessId();
 
 // A packet of `packetSize` bytes with the header words given as they are (possibly lying),
 // then `payload`, then zeros.
@@ -72,23 +71,11 @@ class RawClient {
 bool OpenWithRawClient(Pendrel::NamedPipeChannel& server, RawClient& client,
                        const std::wstring& name);
 
-// A copy of this test program started in child mode (see RunPipeChild). The destructor
-// waits a little for it to end and kills it if it does not, so no child outlives its test.
-class ChildProcess {
+// A copy of this test program started in child mode (see RunPipeChild), with `arguments`
+// after the program's path.
+class ChildProcess : public TestProcess {
  public:
   explicit ChildProcess(const std::vector<std::string>& arguments);
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-
-  bool Started() const;
-  std::uint32_t ProcessId() const;
-  // Waits for the end; the exit code, or -1 on time-out.
-  int Wait(std::chrono::milliseconds timeout);
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> m_impl;
 };
 
 // Child mode, entered by main when the first argument is "--pipe-child":

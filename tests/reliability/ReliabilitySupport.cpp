@@ -1,0 +1,88 @@
+#include "tests/reliability/ReliabilitySupport.h"
+
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "json/TextConversion.h"
+#include "tests/reliability/fault_handler/FaultHandler.h"
+
+namespace pendrel_reliability {
+namespace {
+
+std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
+
+}  // namespace
+
+std::wstring PeerGoneText() {
+  return Pendrel::FormatWString(L"%ls (1) #%u\n", kReadFailed.c_str(),
+                                static_cast<unsigned>(PeerGoneCode()));
+}
+
+std::wstring RefusedPacketText(std::uint32_t code) {
+  return Pendrel::FormatWString(L"%ls (2) #%u\n", kReadFailed.c_str(), static_cast<unsigned>(code));
+}
+
+FaultHost::FaultHost(const std::wstring& options) {
+  std::wstring arguments = L"--pid-file " + Quoted(m_dir.path() / "pid.txt") + L" --record " +
+                           Quoted(m_dir.path() / "record.txt");
+  if (!options.empty()) arguments += L" " + options;
+  m_result = handler.Start(pendrel_fault::FaultHandlerPath(), 0, arguments);
+}
+
+std::uint32_t FaultHost::ProcessId() {
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (m_pid == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::ifstream in(m_dir.path() / "pid.txt");
+    std::uint32_t pid = 0;
+    if (in >> pid) {
+      m_pid = pid;
+    } else {
+      std::this_thread::sleep_for(10ms);
+    }
+  }
+  return m_pid;
+}
+
+std::size_t FaultHost::Received() const {
+  std::ifstream in(m_dir.path() / "record.txt");
+  std::size_t lines = 0;
+  for (std::string line; std::getline(in, line);) ++lines;
+  return lines;
+}
+
+std::string FaultHost::ErrorMessage() {
+  return Pendrel::Utf16ToUtf8(handler.GetResponseErrorMessage());
+}
+
+Pendrel::CRequest FileRequest(const std::wstring& command, std::string data) {
+  Pendrel::CRequest request;
+  request.Command = command;
+  Pendrel::CMimeFile file;
+  file.Type = Pendrel::Binary;
+  file.Name = L"data";
+  file.FileName = L"data.bin";
+  file.Data = std::move(data);
+  request.InputData.push_back(std::move(file));
+  return request;
+}
+
+std::string EchoProblem(CTolvane::CHandler& handler, const std::wstring& command,
+                        const std::string& data) {
+  Pendrel::CResponse response;
+  const CTolvane::EErrorCode code = handler.HandleRequest(FileRequest(command, data), response);
+  if (code != CTolvane::Ok) {
+    return "error code " + std::to_string(code) + ": " +
+           Pendrel::Utf16ToUtf8(handler.GetResponseErrorMessage());
+  }
+  if (response.Data.size() != 1) return "files: " + std::to_string(response.Data.size());
+  const Pendrel::CMimeFile& file = response.Data[0];
+  if (file.FileName != command) return "answer to another request: " + Pendrel::Utf16ToUtf8(file.FileName);
+  if (file.Name != pendrel_fault::ChecksumText(data)) {
+    return "the handler received other bytes: " + Pendrel::Utf16ToUtf8(file.Name);
+  }
+  if (file.Data != data) return "the answer brought other bytes back";
+  return std::string();
+}
+
+}  // namespace pendrel_reliability

@@ -1,0 +1,71 @@
+// What the reliability tests share: a started fault handler with the files it reports
+// through, the process checks (gone, not a zombie), the error texts the channel reports, and
+// a count of the bytes this test program holds on the heap.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "handler/CHandler.h"
+#include "tests/support/TempDir.h"
+
+namespace pendrel_reliability {
+
+using namespace std::chrono_literals;
+
+inline const std::wstring kReadFailed = L"Ошибка чтения данных через NamedPipe";
+inline const std::wstring kPacketTimedOut =
+    L"Ошибка чтения данных через NamedPipe - вышло время ожидания пакета";
+
+// The error number a reader sees when its peer has ended: EPIPE, ERROR_BROKEN_PIPE.
+std::uint32_t PeerGoneCode();
+// "<read failed> (1) #<PeerGoneCode>\n": the reader found the peer gone.
+std::wstring PeerGoneText();
+// "<read failed> (2) #<code>\n": a packet was refused (13 a lying header, 8 over the cap).
+std::wstring RefusedPacketText(std::uint32_t code);
+
+// A CHandler started on the fault handler with `options`, which writes its process id and a
+// record of the messages it received into a folder of its own.
+class FaultHost {
+ public:
+  explicit FaultHost(const std::wstring& options = L"");
+
+  CTolvane::EErrorCode StartResult() const { return m_result; }
+  // The handler's process id, once it has written it (0 if it never did within 5 s).
+  std::uint32_t ProcessId();
+  // How many messages the handler has recorded so far.
+  std::size_t Received() const;
+  // The handler's error text, as UTF-8 for test messages.
+  std::string ErrorMessage();
+
+  CTolvane::CHandler handler;
+
+ private:
+  pendrel_test::TempDir m_dir;
+  CTolvane::EErrorCode m_result = CTolvane::Ok;
+  std::uint32_t m_pid = 0;
+};
+
+// A request whose one input file holds `data`; its Command names it.
+Pendrel::CRequest FileRequest(const std::wstring& command, std::string data);
+
+// Sends `data` through `handler` and checks the echo: Ok, the file back unchanged, named by
+// the checksum of what the handler received and by the command. Empty on success, else what
+// went wrong.
+std::string EchoProblem(CTolvane::CHandler& handler, const std::wstring& command,
+                        const std::string& data);
+
+// Whether process `pid` has ended and left nothing behind (on Linux: been collected, so no
+// zombie) within `timeout`.
+bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout);
+
+// Bytes this test program holds through operator new right now (every allocation of the
+// library and of the tests in this process; not the C library's malloc of others).
+std::int64_t HeapBytesInUse();
+// The process's resident memory in bytes, for reports (0 where unknown).
+std::uint64_t ResidentBytes();
+
+}  // namespace pendrel_reliability

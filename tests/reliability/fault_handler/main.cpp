@@ -1,0 +1,331 @@
+// pendrel_fault_handler: a handler program that breaks the pipe protocol on purpose (see
+// FaultHandler.h for its arguments). It drives the channel's transport and framing by hand,
+// never the channel itself, so it can stop, lie or flood wherever a test wants it to.
+#include <algorithm>  // std::max, std::min
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>  // std::_Exit, std::strtoull
+#include <deque>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "json/TextConversion.h"
+#include "message/CRequest.h"
+#include "message/CResponse.h"
+#include "pipe/detail/PacketFraming.h"
+#include "pipe/detail/PipeTransport.h"
+#include "tests/reliability/fault_handler/FaultHandler.h"
+#include "tests/reliability/fault_handler/Squat.h"
+
+namespace pendrel_fault {
+namespace {
+
+using namespace std::chrono_literals;
+using Pendrel::detail::Clock;
+using Pendrel::detail::Deadline;
+using Pendrel::detail::kPacketHeaderSize;
+using Pendrel::detail::MessageAssembler;
+using Pendrel::detail::PacketWriter;
+
+constexpr auto kConnectTime = 10s;
+constexpr std::uint32_t kDefaultLifetimeMs = 60000;
+// Messages from the library stay far below this; its own cap is 1 GiB.
+constexpr std::uint64_t kMaxMessage = std::uint64_t{2} << 30;
+
+struct Options {
+  std::wstring pipeName;
+  std::uint32_t packetSize = 32768;
+  unsigned delayMs = 0;
+  unsigned connectDelayMs = 0;
+  std::string recordFile;
+  std::string pidFile;
+  std::uint32_t lifetimeMs = kDefaultLifetimeMs;
+  unsigned flood = 0;
+  std::optional<unsigned> deepAnswer;
+  std::optional<std::uint64_t> answerBytes;
+  std::optional<unsigned> crashAfterPackets;
+  std::optional<unsigned> hangAfterPackets;
+  std::string garbage;
+  std::optional<std::pair<std::uint32_t, std::uint32_t>> header;
+  std::wstring squatName;
+  std::string squatReport;
+  bool squatRaw = false;
+};
+
+bool ReadNumber(const char* text, std::uint64_t& value) {
+  if (text == nullptr || *text < '0' || *text > '9') return false;
+  char* end = nullptr;
+  value = std::strtoull(text, &end, 10);
+  return *end == '\0';
+}
+
+template <typename Number>
+bool ReadNumber(const char* text, Number& value) {
+  std::uint64_t wide = 0;
+  if (!ReadNumber(text, wide) || wide > static_cast<Number>(-1)) return false;
+  value = static_cast<Number>(wide);
+  return true;
+}
+
+template <typename Number>
+bool ReadNumber(const char* text, std::optional<Number>& value) {
+  Number number{};
+  if (!ReadNumber(text, number)) return false;
+  value = number;
+  return true;
+}
+
+std::wstring Wide(std::string_view text) { return std::wstring(text.begin(), text.end()); }
+
+bool ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
+    bool ok = true;
+    if (argument.rfind("_MN_=", 0) == 0) {
+      options.pipeName = Wide(argument.substr(5));
+      continue;
+    }
+    if (argument.rfind("_DM_=", 0) == 0 || argument.rfind("_EX_=", 0) == 0) continue;
+    if (argument == "--packet-size") {
+      ok = ReadNumber(next, options.packetSize) && options.packetSize > kPacketHeaderSize;
+    } else if (argument == "--delay-ms") {
+      ok = ReadNumber(next, options.delayMs);
+    } else if (argument == "--connect-delay-ms") {
+      ok = ReadNumber(next, options.connectDelayMs);
+    } else if (argument == "--record" && next != nullptr) {
+      options.recordFile = next;
+    } else if (argument == "--pid-file" && next != nullptr) {
+      options.pidFile = next;
+    } else if (argument == "--lifetime-ms") {
+      ok = ReadNumber(next, options.lifetimeMs);
+    } else if (argument == "--flood") {
+      ok = ReadNumber(next, options.flood);
+    } else if (argument == "--deep-answer") {
+      ok = ReadNumber(next, options.deepAnswer);
+    } else if (argument == "--answer-bytes") {
+      ok = ReadNumber(next, options.answerBytes);
+    } else if (argument == "--crash-after-packets") {
+      ok = ReadNumber(next, options.crashAfterPackets);
+    } else if (argument == "--hang-after-packets") {
+      ok = ReadNumber(next, options.hangAfterPackets);
+    } else if (argument == "--garbage" && next != nullptr) {
+      options.garbage = next;
+      ok = options.garbage == "short" || options.garbage == "ones";
+    } else if (argument == "--header" && next != nullptr) {
+      const std::string text = next;
+      const std::size_t comma = text.find(',');
+      std::uint32_t remaining = 0;
+      std::uint32_t payload = 0;
+      ok = comma != std::string::npos && ReadNumber(text.substr(0, comma).c_str(), remaining) &&
+           ReadNumber(text.substr(comma + 1).c_str(), payload);
+      options.header.emplace(remaining, payload);
+    } else if ((argument == "--squat" || argument == "--squat-raw") && next != nullptr &&
+               i + 2 < argc) {
+      options.squatRaw = argument == "--squat-raw";
+      options.squatName = Wide(next);
+      options.squatReport = argv[i + 2];
+      ++i;
+    } else {
+      ok = false;
+    }
+    if (!ok) {
+      std::fprintf(stderr, "pendrel_fault_handler: bad argument %s\n", argv[i]);
+      return false;
+    }
+    ++i;  // the option's value
+  }
+  return !options.pipeName.empty() || !options.squatName.empty();
+}
+
+// The client end of the pipe, driven packet by packet.
+class FaultPipe {
+ public:
+  explicit FaultPipe(std::uint32_t packetSize) : m_packetSize(packetSize) {}
+
+  bool Connect(const std::wstring& name) {
+    const Deadline deadline = Clock::now() + kConnectTime;
+    while (m_transport.Connect(name) != 0) {
+      if (Clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(20ms);
+    }
+    return true;
+  }
+
+  // The next whole message; false once the pipe has failed or a packet made no sense.
+  bool ReadMessage(std::string& message) {
+    for (;;) {
+      while (m_packets.empty()) {
+        if (m_failed) return false;
+        Pump(Deadline::max());
+      }
+      const std::string packet = std::move(m_packets.front());
+      m_packets.pop_front();
+      // Whatever size the library writes is taken as it comes.
+      const auto wire =
+          static_cast<std::uint32_t>(std::max<std::size_t>(packet.size(), kPacketHeaderSize));
+      switch (m_assembler.Add(packet, wire, kMaxMessage)) {
+        case MessageAssembler::EStep::Complete:
+          message = m_assembler.TakeMessage();
+          return true;
+        case MessageAssembler::EStep::Partial:
+          break;
+        case MessageAssembler::EStep::Invalid:
+        case MessageAssembler::EStep::TooLarge:
+          return false;
+      }
+    }
+  }
+
+  bool WritePacket(std::string_view packet) {
+    m_sent = false;
+    m_transport.Send(packet);
+    while (!m_sent && !m_failed) Pump(Deadline::max());
+    return m_sent;
+  }
+
+  // Writes the first `count` packets of `message` in this pipe's packet size.
+  bool WritePackets(std::string message, std::size_t count) {
+    PacketWriter writer;
+    writer.Begin(std::move(message), m_packetSize);
+    for (std::size_t k = 0; k < count && writer.Active(); ++k) {
+      if (!WritePacket(writer.CurrentPacket())) return false;
+      writer.PacketSent();
+    }
+    return true;
+  }
+  bool WriteMessage(std::string message) { return WritePackets(std::move(message), SIZE_MAX); }
+
+  // Packets a message of `size` bytes takes.
+  std::size_t PacketCount(std::size_t size) const {
+    const std::size_t room = m_packetSize - kPacketHeaderSize;
+    return size == 0 ? 1 : (size - 1) / room + 1;
+  }
+  std::uint32_t PacketSize() const { return m_packetSize; }
+
+  // Returns once the pipe has failed (the library closed it).
+  void WaitForEnd() {
+    while (!m_failed) Pump(Deadline::max());
+  }
+
+ private:
+  void Pump(Deadline deadline) {
+    const Pendrel::detail::TransportEvents events =
+        m_transport.Wait(deadline, m_packetSize, static_cast<std::size_t>(kMaxMessage));
+    if (events.received) m_packets.emplace_back(m_transport.Packet());
+    if (events.sent) m_sent = true;
+    if (events.failure != Pendrel::detail::ETransportFailure::None) m_failed = true;
+  }
+
+  Pendrel::detail::PipeTransport m_transport;
+  std::uint32_t m_packetSize;
+  MessageAssembler m_assembler;
+  std::deque<std::string> m_packets;
+  bool m_sent = false;
+  bool m_failed = false;
+};
+
+std::string DeepAnswer(unsigned depth) {
+  std::string text = "{\"status\":0,\"Parameters\":{\"deep\":";
+  text.append(depth, '[');
+  text.append(depth, ']');
+  text += "}}";
+  return text;
+}
+
+std::string AnswerTo(const Options& options, const std::string& message) {
+  if (options.deepAnswer) return DeepAnswer(*options.deepAnswer);
+  Pendrel::CRequest request;
+  request.FromJsonString(message);
+  if (options.answerBytes) {
+    Pendrel::CMimeFile file;
+    file.Type = Pendrel::Binary;
+    file.Data = PatternBytes(static_cast<std::size_t>(*options.answerBytes));
+    request.InputData.assign(1, file);
+  }
+  return ChecksumAnswer(request, message).ToJsonString();
+}
+
+void Record(const Options& options, const std::string& message) {
+  if (options.recordFile.empty()) return;
+  std::ofstream out(options.recordFile, std::ios::binary | std::ios::app);
+  out << message.size() << ' ' << Pendrel::Utf16ToUtf8(ChecksumText(message)) << '\n';
+}
+
+bool IsBreaking(const Options& options) {
+  return options.crashAfterPackets || options.hangAfterPackets || !options.garbage.empty() ||
+         options.header;
+}
+
+// Answers the first message by breaking the protocol as the options say.
+int Break(const Options& options, FaultPipe& pipe, const std::string& message) {
+  if (options.crashAfterPackets || options.hangAfterPackets) {
+    const std::size_t written =
+        options.crashAfterPackets ? *options.crashAfterPackets : *options.hangAfterPackets;
+    // Blanks after the document keep it valid JSON, should it ever arrive whole.
+    std::string answer = AnswerTo(options, message);
+    const std::size_t room = pipe.PacketSize() - kPacketHeaderSize;
+    answer.resize(std::max(answer.size(), written * room + 1), ' ');
+    pipe.WritePackets(answer, written);
+    // No clean-up and no closing message: the process is simply gone.
+    if (options.crashAfterPackets) std::_Exit(kExitCrashed);
+  } else if (options.garbage == "short") {
+    pipe.WritePacket("hello");
+  } else if (options.garbage == "ones") {
+    pipe.WritePacket(std::string(pipe.PacketSize(), '\xFF'));
+  } else if (options.header) {
+    std::string packet(pipe.PacketSize(), 'x');
+    Pendrel::detail::PutLittleEndian32(packet.data(), options.header->first);
+    Pendrel::detail::PutLittleEndian32(packet.data() + 4, options.header->second);
+    pipe.WritePacket(packet);
+  }
+  pipe.WaitForEnd();
+  return kExitNormal;
+}
+
+int Serve(const Options& options) {
+  if (options.connectDelayMs > 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(options.connectDelayMs));
+  }
+  FaultPipe pipe(options.packetSize);
+  if (!pipe.Connect(options.pipeName)) return kExitNoConnection;
+  for (unsigned k = 1; k <= options.flood; ++k) {
+    if (!pipe.WriteMessage(FloodAnswer(k))) return kExitNormal;
+  }
+  std::string message;
+  while (pipe.ReadMessage(message)) {
+    Record(options, message);
+    if (options.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options.delayMs));
+    if (IsBreaking(options)) return Break(options, pipe, message);
+    if (!pipe.WriteMessage(AnswerTo(options, message))) break;
+  }
+  return kExitNormal;
+}
+
+int Main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, options)) return kExitBadArguments;
+  if (!options.pidFile.empty()) {
+    std::ofstream(options.pidFile) << CurrentProcessId() << '\n';
+  }
+  std::thread([limit = std::chrono::milliseconds(options.lifetimeMs)] {
+    std::this_thread::sleep_for(limit);
+    std::_Exit(kExitLifetime);
+  }).detach();
+  const auto lifetime = std::chrono::milliseconds(options.lifetimeMs);
+  if (!options.squatName.empty()) {
+    return options.squatRaw ? SquatRaw(options.squatName, options.squatReport, lifetime)
+                            : SquatWithTransport(options.squatName, options.squatReport, lifetime);
+  }
+  return Serve(options);
+}
+
+}  // namespace
+}  // namespace pendrel_fault
+
+int main(int argc, char** argv) { return pendrel_fault::Main(argc, argv); }
