@@ -28,11 +28,19 @@ using EStep = MessageAssembler::EStep;
 // Packet sizes around the edges: the smallest the channel writes (128), the default, and
 // sizes a handler might pick.
 constexpr std::array<std::uint32_t, 7> kPacketSizes{9, 16, 128, 200, 4096, 32768, 65536};
-constexpr std::array<std::uint64_t, 9> kLimits{
-    0, 1, 100, 32759, 32760, 32761, 1 << 20, std::uint64_t{1} << 30,
-    std::numeric_limits<std::uint64_t>::max()};
+constexpr std::array<std::uint64_t, 9> kLimits{0,
+                                               1,
+                                               100,
+                                               32759,
+                                               32760,
+                                               32761,
+                                               1 << 20,
+                                               std::uint64_t{1} << 30,
+                                               std::numeric_limits<std::uint64_t>::max()};
 
-std::uint32_t WireSize(std::uint32_t packetSize) { return std::max<std::uint32_t>(packetSize, 128); }
+std::uint32_t WireSize(std::uint32_t packetSize) {
+  return std::max<std::uint32_t>(packetSize, 128);
+}
 
 void FeedArbitraryPackets(FuzzedDataProvider& input, std::uint32_t packetSize,
                           std::uint64_t limit) {
@@ -46,10 +54,10 @@ void FeedArbitraryPackets(FuzzedDataProvider& input, std::uint32_t packetSize,
     if (packet.size() >= kPacketHeaderSize && input.ConsumeBool()) {
       // A header chosen outright: the assembler's checks are what is under test.
       Pendrel::detail::PutLittleEndian32(packet.data(), input.ConsumeIntegral<std::uint32_t>());
-      Pendrel::detail::PutLittleEndian32(packet.data() + 4,
-                                         input.ConsumeIntegral<std::uint32_t>());
+      Pendrel::detail::PutLittleEndian32(packet.data() + 4, input.ConsumeIntegral<std::uint32_t>());
     }
-    if (server && packet.size() > packetSize) packetSize = static_cast<std::uint32_t>(packet.size());
+    if (server && packet.size() > packetSize)
+      packetSize = static_cast<std::uint32_t>(packet.size());
 
     const EStep step = assembler.Add(packet, WireSize(packetSize), limit);
     if (step == EStep::Invalid || step == EStep::TooLarge) return;  // the channel gives up

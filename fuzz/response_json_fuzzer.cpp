@@ -1,6 +1,6 @@
 // CResponse::FromJsonString on arbitrary text, then every form of the record written. As for
 // requests: reading must succeed, and what was read and written once reads and writes back
-// to the same text unless a parameter key holds a quote or a backslash.
+// to the same text unless a parameter key cannot come back as itself (KeySurvivesWriting).
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
@@ -8,9 +8,12 @@
 
 namespace {
 
-bool KeysSurviveWriting(const Pendrel::CResponse& response) {
+// The session is written only when it is not empty: one that the writer cuts to nothing
+// would go missing on the second pass.
+bool TextsSurviveWriting(const Pendrel::CResponse& response) {
+  if (!pendrel_fuzz::TextSurvivesWriting(response.Session)) return false;
   for (const auto& entry : response.Parameters) {
-    if (entry.first.find_first_of(L"\"\\") != std::wstring::npos) return false;
+    if (!pendrel_fuzz::KeySurvivesWriting(entry.first)) return false;
   }
   return true;
 }
@@ -28,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string body;
   response.ToHttpRequestData(header, body);
 
-  if (!KeysSurviveWriting(response)) return 0;
+  if (!TextsSurviveWriting(response)) return 0;
   Pendrel::CResponse again;
   PENDREL_FUZZ_CHECK(again.FromJsonString(written));
   PENDREL_FUZZ_CHECK(again.ToJsonString() == written);

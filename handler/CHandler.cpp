@@ -19,6 +19,7 @@ constexpr int kPipeNameAttempts = 16;
 constexpr wchar_t kLaunchFailedText[] = L"Ошибка запуска обработчика";
 
 std::atomic<std::uint32_t> g_startConnectTimeLimitMs{10000};
+std::atomic<std::uint32_t> g_channelTimeLimitMs{Pendrel::NamedPipeChannel::kDefaultTimeLimitMs};
 
 }  // namespace
 
@@ -27,6 +28,8 @@ std::uint32_t StartConnectTimeLimitMs() { return g_startConnectTimeLimitMs; }
 void SetStartConnectTimeLimitMs(std::uint32_t milliseconds) {
   g_startConnectTimeLimitMs = milliseconds;
 }
+std::uint32_t ChannelTimeLimitMs() { return g_channelTimeLimitMs; }
+void SetChannelTimeLimitMs(std::uint32_t milliseconds) { g_channelTimeLimitMs = milliseconds; }
 }  // namespace detail
 
 CHandlerInfo::CHandlerInfo() = default;
@@ -66,6 +69,7 @@ EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extr
 
   auto connection = std::make_shared<detail::Connection>();
   Pendrel::NamedPipeChannel& channel = connection->channel;
+  channel.SetTimeLimitMs(detail::ChannelTimeLimitMs());
   // The pipe exists before the handler starts, so the handler finds it at once and no
   // other program can take its name meanwhile.
   std::wstring pipeName;

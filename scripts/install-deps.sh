@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing pendrel needs, if any is missing:
-# the native toolchain, GoogleTest, the MinGW-w64 cross compiler and Wine.
+# the native toolchain, GoogleTest, the MinGW-w64 cross compiler and Wine, and Clang's
+# sanitizer and libFuzzer runtimes.
 set -euo pipefail
 
 packages=(
   cmake ninja-build g++ clang
+  libclang-rt-14-dev
   libgtest-dev googletest libbenchmark-dev
   g++-mingw-w64-x86-64-posix wine64
   python3

@@ -128,7 +128,6 @@ class Reaper {
   // Called under m_mutex.
   void EnsureThread() {
     if (m_running) return;
-    if (m_thread.joinable()) m_thread.join();  // the last one has ended by itself
     m_running = true;
     m_thread = std::thread([this] { Run(); });
   }
@@ -180,7 +179,12 @@ class Reaper {
       anyAlive = anyAlive || !entry.ended;
       ++it;
     }
-    if (!anyAlive) m_running = false;
+    if (!anyAlive) {
+      m_running = false;
+      // The thread ends now and nobody may come to join it (a host often starts no handler
+      // again): detached, it leaves nothing behind. Under m_mutex, m_thread is this thread.
+      m_thread.detach();
+    }
     return anyAlive;
   }
 

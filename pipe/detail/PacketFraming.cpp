@@ -42,12 +42,13 @@ std::string_view PacketWriter::CurrentPacket() {
 bool PacketWriter::PacketSent() {
   ++m_next;
   if (Active()) return false;
-  m_message = std::string();
+  // Let go of the message's memory now, not when the next message comes: assigning an
+  // empty string would keep the capacity (libstdc++ reuses it).
+  std::string().swap(m_message);
   return true;
 }
 
-MessageAssembler::EStep MessageAssembler::Add(std::string_view packet,
-                                              std::uint32_t wirePacketSize,
+MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint32_t wirePacketSize,
                                               std::uint64_t maxMessageSize) {
   constexpr std::size_t kHeader = kPacketHeaderSize;
   if (packet.size() < kHeader) return EStep::Invalid;

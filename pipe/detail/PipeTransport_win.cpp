@@ -281,6 +281,20 @@ std::uint32_t PipeTransport::Listen(std::wstring_view name) {
       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
       kPipeBufferSize, kPipeBufferSize, 0, security.Attributes()));
   if (!impl.pipe) return LastError();
+  // FILE_FLAG_FIRST_PIPE_INSTANCE refuses a name that another program holds already. Not
+  // every implementation honours it (Wine 8 does not); an instance made beside somebody
+  // else's shows in the pipe's instance count, and the name is refused all the same.
+  DWORD instances = 0;
+  if (!::GetNamedPipeHandleStateW(impl.pipe.Get(), nullptr, &instances, nullptr, nullptr, nullptr,
+                                  0)) {
+    const std::uint32_t error = LastError();
+    impl.pipe.Reset();
+    return error;
+  }
+  if (instances != 1) {
+    impl.pipe.Reset();
+    return ERROR_ACCESS_DENIED;
+  }
   return impl.CreateEvents();
 }
 

@@ -77,7 +77,8 @@ std::string EchoProblem(CTolvane::CHandler& handler, const std::wstring& command
   }
   if (response.Data.size() != 1) return "files: " + std::to_string(response.Data.size());
   const Pendrel::CMimeFile& file = response.Data[0];
-  if (file.FileName != command) return "answer to another request: " + Pendrel::Utf16ToUtf8(file.FileName);
+  if (file.FileName != command)
+    return "answer to another request: " + Pendrel::Utf16ToUtf8(file.FileName);
   if (file.Name != pendrel_fault::ChecksumText(data)) {
     return "the handler received other bytes: " + Pendrel::Utf16ToUtf8(file.Name);
   }

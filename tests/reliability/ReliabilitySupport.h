@@ -62,9 +62,15 @@ std::string EchoProblem(CTolvane::CHandler& handler, const std::wstring& command
 // zombie) within `timeout`.
 bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout);
 
+// Whether this build counts the heap (not under ThreadSanitizer, whose runtime owns operator
+// new); where it does not, the three functions below give 0.
+bool HeapIsCounted();
 // Bytes this test program holds through operator new right now (every allocation of the
 // library and of the tests in this process; not the C library's malloc of others).
 std::int64_t HeapBytesInUse();
+// The most HeapBytesInUse() has been since the last ResetHeapPeak() (or the start).
+std::int64_t HeapPeakBytes();
+void ResetHeapPeak();
 // The process's resident memory in bytes, for reports (0 where unknown).
 std::uint64_t ResidentBytes();
 

@@ -38,12 +38,11 @@ int RunClientAs(const passwd& user, const std::string& socketPath) {
   const pid_t pid = ::fork();
   if (pid == 0) {
     // Only async-signal-safe calls between fork and exec.
-    if (::setgroups(0, nullptr) != 0 || ::setgid(user.pw_gid) != 0 ||
-        ::setuid(user.pw_uid) != 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(user.pw_gid) != 0 || ::setuid(user.pw_uid) != 0) {
       ::_exit(kCannotRun);
     }
-    char* const argv[] = {const_cast<char*>(program.c_str()),
-                          const_cast<char*>(socketPath.c_str()), nullptr};
+    char* const argv[] = {const_cast<char*>(program.c_str()), const_cast<char*>(socketPath.c_str()),
+                          nullptr};
     ::execv(program.c_str(), argv);
     ::_exit(kCannotRun);
   }

@@ -60,7 +60,7 @@ TEST_P(SquattedPipeName, SquattersEndpointIsNeverUsed) {
   const std::filesystem::path report = dir.path() / "squat.txt";
   const std::wstring squatted = pendrel_test::UniqueTestPipeName("sq");
   pendrel_test::TestProcess squatter({pendrel_fault::FaultHandlerPath(), GetParam(), squatted,
-                                      report.wstring(), L"--lifetime-ms", L"5000"});
+                                      report.wstring(), L"--lifetime-ms", L"4000"});
   ASSERT_TRUE(squatter.Started());
   ASSERT_TRUE(WaitForText(report, "ready", 10s)) << "the squatter never took the name";
 
@@ -69,6 +69,7 @@ TEST_P(SquattedPipeName, SquattersEndpointIsNeverUsed) {
   ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
   EXPECT_EQ(EchoProblem(host.handler, L"real", "data"), "");
   EXPECT_EQ(ReadAll(report), "ready\n") << "somebody connected to the squatter";
+  EXPECT_EQ(squatter.Wait(0ms), -1) << "the squatter had gone before the end: nothing was tested";
 }
 
 INSTANTIATE_TEST_SUITE_P(Squatters, SquattedPipeName, testing::Values(L"--squat", L"--squat-raw"),
@@ -95,7 +96,8 @@ void Impersonate(const std::wstring& name, const std::atomic<bool>& stop, Impost
     ++view.connections;
     std::string forged(32768, '\0');
     const std::string answer = R"({"status":0,"Parameters":{"Command":"forged"}})";
-    Pendrel::detail::PutLittleEndian32(forged.data() + 4, static_cast<std::uint32_t>(answer.size()));
+    Pendrel::detail::PutLittleEndian32(forged.data() + 4,
+                                       static_cast<std::uint32_t>(answer.size()));
     forged.replace(8, answer.size(), answer);
     pipe.Send(forged);
     const auto deadline = Clock::now() + 10s;

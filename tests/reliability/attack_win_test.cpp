@@ -57,8 +57,7 @@ TEST(PipeSecurity, DaclGrantsOnlyTheCurrentUserAndSystem) {
                                         nullptr, &dacl, nullptr, &descriptor);
   ::CloseHandle(pipe);
   if (error == ERROR_NOT_SUPPORTED || error == ERROR_CALL_NOT_IMPLEMENTED) {
-    GTEST_SKIP() << "this system cannot read a pipe's security descriptor (error " << error
-                 << ")";
+    GTEST_SKIP() << "this system cannot read a pipe's security descriptor (error " << error << ")";
   }
   ASSERT_EQ(error, static_cast<DWORD>(ERROR_SUCCESS));
   ASSERT_NE(descriptor, nullptr);

@@ -38,7 +38,8 @@ std::uint64_t Setting(const char* name, std::uint64_t fallback) {
 // Sizes spread evenly over the orders of magnitude from 0 to `max`, so that empty, small,
 // packet-sized and multi-megabyte messages all come up often.
 std::size_t RandomSize(std::mt19937_64& random, std::uint64_t max) {
-  const double exponent = std::uniform_real_distribution<double>(0, std::log2(double(max) + 1))(random);
+  const double exponent =
+      std::uniform_real_distribution<double>(0, std::log2(double(max) + 1))(random);
   return static_cast<std::size_t>(std::min<double>(std::exp2(exponent) - 1, double(max)));
 }
 
@@ -63,7 +64,9 @@ TEST(Soak, EveryAnswerMatchesItsRequestAndMemoryStaysFlat) {
   std::vector<std::unique_ptr<FaultHost>> hosts;
   std::vector<std::uint32_t> pids;
   for (int h = 0; h < handlerCount; ++h) {
-    hosts.push_back(std::make_unique<FaultHost>());
+    // The handler ends itself after a minute unless told otherwise.
+    hosts.push_back(std::make_unique<FaultHost>(L"--lifetime-ms " +
+                                                std::to_wstring((timeLimit.count() + 60) * 1000)));
     ASSERT_EQ(hosts.back()->StartResult(), Ok) << hosts.back()->ErrorMessage();
     pids.push_back(hosts.back()->ProcessId());
     // One request of the largest size first, so that every buffer has grown as far as the
@@ -90,8 +93,8 @@ TEST(Soak, EveryAnswerMatchesItsRequestAndMemoryStaysFlat) {
           if (Clock::now() > deadline) {
             problem = "the time limit passed";
           } else {
-            const std::wstring command = L"soak-" + std::to_wstring(h) + L"-" +
-                                         std::to_wstring(t) + L"-" + std::to_wstring(i);
+            const std::wstring command = L"soak-" + std::to_wstring(h) + L"-" + std::to_wstring(t) +
+                                         L"-" + std::to_wstring(i);
             const std::string data = RandomBytes(random, RandomSize(random, maxBytes));
             problem = EchoProblem(hosts[h]->handler, command, data);
             bytes += data.size();
@@ -117,14 +120,16 @@ TEST(Soak, EveryAnswerMatchesItsRequestAndMemoryStaysFlat) {
   EXPECT_EQ(firstProblem, "");
   EXPECT_EQ(answered.load(), handlerCount * threadCount * requestCount) << "answers lost";
   // Every queue, buffer and record of the exchanges is back where it was.
-  EXPECT_LT(std::llabs(heapAfter - heapBefore), 256 * 1024)
-      << "heap before " << heapBefore << " bytes, after " << heapAfter;
-  std::printf("soak: %d handlers x %d threads x %d requests, %.1f MB each way in %.1f s "
-              "(%.1f MB/s); heap %lld -> %lld bytes; resident %.1f -> %.1f MB\n",
-              handlerCount, threadCount, requestCount, double(bytes) / 1e6, took,
-              double(bytes) / 1e6 / took, static_cast<long long>(heapBefore),
-              static_cast<long long>(heapAfter), double(residentBefore) / 1e6,
-              double(residentAfter) / 1e6);
+  if (HeapIsCounted()) {
+    EXPECT_LT(std::llabs(heapAfter - heapBefore), 64 * 1024)
+        << "heap before " << heapBefore << " bytes, after " << heapAfter;
+  }
+  std::printf(
+      "soak: %d handlers x %d threads x %d requests, %.1f MB each way in %.1f s "
+      "(%.1f MB/s); heap %lld -> %lld bytes; resident %.1f -> %.1f MB\n",
+      handlerCount, threadCount, requestCount, double(bytes) / 1e6, took,
+      double(bytes) / 1e6 / took, static_cast<long long>(heapBefore),
+      static_cast<long long>(heapAfter), double(residentBefore) / 1e6, double(residentAfter) / 1e6);
 
   hosts.clear();
   for (const std::uint32_t pid : pids) EXPECT_TRUE(ProcessGoneWithin(pid, 10s)) << pid;

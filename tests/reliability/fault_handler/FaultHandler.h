@@ -47,6 +47,7 @@
 #include <string_view>
 #include <utility>  // std::move
 
+#include "message/CRequest.h"
 #include "message/CResponse.h"
 
 namespace pendrel_fault {

@@ -23,10 +23,9 @@ int SquatRaw(const std::wstring& name, const std::string& reportFile,
   }
   SECURITY_ATTRIBUTES attributes{sizeof(attributes), &descriptor, FALSE};
   const std::wstring path = L"\\\\.\\pipe\\" + name;
-  const HANDLE pipe = ::CreateNamedPipeW(
-      path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-      PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES, 4096, 4096,
-      0, &attributes);
+  const HANDLE pipe = ::CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                         PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
+                                         PIPE_UNLIMITED_INSTANCES, 4096, 4096, 0, &attributes);
   if (pipe == INVALID_HANDLE_VALUE) return kExitSquatFailed;
   const HANDLE event = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
   OVERLAPPED overlapped{};

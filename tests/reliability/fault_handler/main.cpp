@@ -300,7 +300,8 @@ int Serve(const Options& options) {
   std::string message;
   while (pipe.ReadMessage(message)) {
     Record(options, message);
-    if (options.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options.delayMs));
+    if (options.delayMs > 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(options.delayMs));
     if (IsBreaking(options)) return Break(options, pipe, message);
     if (!pipe.WriteMessage(AnswerTo(options, message))) break;
   }
