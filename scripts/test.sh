@@ -2,7 +2,11 @@
 # Builds and tests pendrel on a fresh Debian machine: installs what is missing, then
 #  1. builds the Linux library and runs its tests,
 #  2. cross-builds the Windows DLL with MinGW-w64 and runs the same tests under Wine,
-#  3. installs both and builds a small host against the installed package.
+#  3. installs both and builds a small host against the installed package,
+#  4. runs every native test under AddressSanitizer + UndefinedBehaviorSanitizer, and the
+#     channel, handler and reliability tests under ThreadSanitizer (scripts/sanitize.sh),
+#  5. runs every fuzz target for a fixed time (scripts/fuzz.sh; PENDREL_FUZZ_SECONDS, 30 s
+#     per target unless set).
 # Fails if any step fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -35,4 +39,10 @@ ctest --preset windows
 echo "=== Installed package: a host builds with find_package(pendrel)"
 scripts/check-consumer.sh
 
-echo "=== All Linux and Windows tests passed"
+echo "=== Sanitizers"
+scripts/sanitize.sh asan tsan
+
+echo "=== Fuzzing"
+scripts/fuzz.sh "${PENDREL_FUZZ_SECONDS:-30}"
+
+echo "=== All Linux and Windows tests, sanitizer runs and fuzz targets passed"
