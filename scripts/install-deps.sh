@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing pendrel needs, if any is missing:
 # the native toolchain, GoogleTest, the MinGW-w64 cross compiler and Wine, and Clang's
-# sanitizer and libFuzzer runtimes.
+# sanitizer and libFuzzer runtimes. Packages named as arguments are installed besides
+# (scripts/bench.sh adds the benchmarks' peer libraries that way).
+#
+#   scripts/install-deps.sh [package...]
 set -euo pipefail
 
 packages=(
@@ -10,6 +13,7 @@ packages=(
   libgtest-dev googletest libbenchmark-dev
   g++-mingw-w64-x86-64-posix wine64
   python3
+  "$@"
 )
 
 missing=()

@@ -6,7 +6,8 @@
 #  4. runs every native test under AddressSanitizer + UndefinedBehaviorSanitizer, and the
 #     channel, handler and reliability tests under ThreadSanitizer (scripts/sanitize.sh),
 #  5. runs every fuzz target for a fixed time (scripts/fuzz.sh; PENDREL_FUZZ_SECONDS, 30 s
-#     per target unless set).
+#     per target unless set),
+#  6. builds the benchmarks and runs each once at a tiny size (scripts/bench.sh --smoke).
 # Fails if any step fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -45,4 +46,7 @@ scripts/sanitize.sh asan tsan
 echo "=== Fuzzing"
 scripts/fuzz.sh "${PENDREL_FUZZ_SECONDS:-30}"
 
-echo "=== All Linux and Windows tests, sanitizer runs and fuzz targets passed"
+echo "=== Benchmarks: build and run once at a tiny size"
+scripts/bench.sh --smoke
+
+echo "=== All Linux and Windows tests, sanitizer runs, fuzz targets and benchmarks passed"

@@ -66,6 +66,7 @@ const JsonTextKernels& PortableJsonTextKernels() { return kPortable; }
 
 const JsonTextKernels& JsonText() {
   static const JsonTextKernels* const kernels = [] {
+    if (const JsonTextKernels* wide = WideVectorJsonTextKernels()) return wide;
     const JsonTextKernels* vector = VectorJsonTextKernels();
     return vector != nullptr ? vector : &kPortable;
   }();

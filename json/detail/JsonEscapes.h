@@ -7,10 +7,11 @@
 // the other end of the pipe read and write exactly this dialect.
 //
 // File contents (megabytes, often binary with an escape every few dozen bytes) travel as
-// JSON strings, so the routines come twice: a portable byte loop, which is the reference,
-// and vector kernels for x86 processors with SSSE3 that handle sixteen bytes at a time
-// without a branch per escape. The processor is asked once which to use; both give the same
-// bytes.
+// JSON strings, so the routines come three times: a portable byte loop, which is the
+// reference; vector kernels for x86 processors with SSSE3 that handle sixteen bytes at a
+// time without a branch per escape; and wide ones for x86-64 processors with AVX-512 (BW,
+// VBMI, VBMI2) that handle sixty-four. The processor is asked once which to use; all give
+// the same bytes.
 #pragma once
 
 #include <array>
@@ -78,7 +79,9 @@ struct JsonTextKernels {
 const JsonTextKernels& PortableJsonTextKernels();
 // The SSSE3 kernels, or nullptr when this processor (or this build's target) has none.
 const JsonTextKernels* VectorJsonTextKernels();
-// The kernels this process uses: the vector ones where available.
+// The AVX-512 kernels, or nullptr when this processor (or this build) has none.
+const JsonTextKernels* WideVectorJsonTextKernels();
+// The kernels this process uses: the widest available.
 const JsonTextKernels& JsonText();
 
 }  // namespace Pendrel::detail

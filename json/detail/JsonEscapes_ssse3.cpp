@@ -16,12 +16,14 @@
 
 #include <tmmintrin.h>  // SSSE3
 
+#include "json/detail/CpuFeatures.h"
+
 #include <cstdint>
 #include <string>   // std::char_traits
 #include <utility>  // std::exchange
 
 #if defined(_MSC_VER) && !defined(__clang__)
-#include <intrin.h>  // __cpuid, _BitScanForward64
+#include <intrin.h>  // _BitScanForward64
 #define PENDREL_SSSE3
 #else
 #define PENDREL_SSSE3 __attribute__((target("ssse3")))
@@ -415,17 +417,6 @@ PENDREL_SSSE3 const char* FindStringEnd(const char* first, const char* last, boo
 }
 
 constexpr JsonTextKernels kSsse3{CopyEscaped, CopyUnescaped, FindStringEnd, CopyStringUnescaped};
-
-bool ProcessorHasSsse3() {
-#if defined(_MSC_VER) && !defined(__clang__)
-  int info[4] = {};
-  __cpuid(info, 1);
-  return (info[2] & (1 << 9)) != 0;
-#else
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("ssse3") != 0;
-#endif
-}
 
 }  // namespace
 

@@ -1,6 +1,6 @@
 #include "message/detail/Base64.h"
 
-#include <algorithm>  // std::min
+#include <algorithm>  // std::min, std::max
 #include <array>
 #include <cstdint>
 #include <cstring>  // std::memcpy
@@ -22,13 +22,15 @@ constexpr std::array<char, 2 * 4096> MakePairTable() {
 constexpr std::array<char, 2 * 4096> kPairs = MakePairTable();
 
 // 65-character lines and 4-character groups meet again every 260 characters: four lines
-// from 195 input bytes.
-constexpr std::size_t kChunkBytes = 195;
-constexpr std::size_t kChunkChars = 260;
+// from 195 input bytes. A chunk takes eight such runs, so that the encoder works on long
+// stretches and the short tail it leaves to scalar code comes seldom.
+constexpr std::size_t kChunkLines = 32;
+constexpr std::size_t kChunkBytes = 195 * kChunkLines / 4;
+constexpr std::size_t kChunkChars = kBase64LineLength * kChunkLines;
 
 // Encodes whole 3-byte groups of `in` (count a multiple of 3) into `out`, two groups (six
 // bytes, eight characters) per step where it can.
-void EncodeGroups(const unsigned char* in, std::size_t count, char* out) {
+void EncodePortably(const unsigned char* in, std::size_t count, char* out) {
   std::size_t i = 0;
   for (; i + 6 <= count; i += 6, out += 8) {
     const std::uint64_t bits = (std::uint64_t{in[i]} << 40) | (std::uint64_t{in[i + 1]} << 32) |
@@ -55,7 +57,18 @@ void EncodeTail(const unsigned char* in, std::size_t count, char* out) {
   out[3] = '=';
 }
 
+// The encoder this process uses: the vector kernel where the processor has one.
+Base64GroupEncoder ChosenEncoder() {
+  static const Base64GroupEncoder encoder = [] {
+    const Base64GroupEncoder vector = VectorBase64Encoder();
+    return vector != nullptr ? vector : &EncodePortably;
+  }();
+  return encoder;
+}
+
 }  // namespace
+
+Base64GroupEncoder PortableBase64Encoder() { return &EncodePortably; }
 
 std::size_t Base64LinesLength(std::size_t size) {
   const std::size_t chars = (size + 2) / 3 * 4;
@@ -64,50 +77,51 @@ std::size_t Base64LinesLength(std::size_t size) {
 }
 
 void AppendBase64Lines(std::string& out, std::string_view data) {
+  AppendBase64Lines(out, data, ChosenEncoder());
+}
+
+void AppendBase64Lines(std::string& out, std::string_view data, Base64GroupEncoder encoder) {
   if (data.empty()) return;
-  const std::size_t start = out.size();
-  const std::size_t total = Base64LinesLength(data.size());
-  out.resize(start + total);
-  char* dst = out.data() + start;
+  // Growth stays geometric, as with append, for callers that append piece by piece.
+  const std::size_t needed = out.size() + Base64LinesLength(data.size());
+  if (out.capacity() < needed) out.reserve(std::max(needed, 2 * out.capacity()));
   const auto* in = reinterpret_cast<const unsigned char*>(data.data());
   std::size_t left = data.size();
 
-  // Whole chunks: encode four lines into a cache-resident block, then lay them out with
-  // their line breaks.
+  // Whole chunks: encode their lines into a block and lay them out with their line breaks in
+  // a second one, both cache-resident, then append that: the output is written once, and
+  // never zeroed first.
   char block[kChunkChars];
+  char lines[kChunkChars + 2 * kChunkLines];
   while (left >= kChunkBytes) {
-    EncodeGroups(in, kChunkBytes, block);
+    encoder(in, kChunkBytes, block);
     in += kChunkBytes;
     left -= kChunkBytes;
-    for (std::size_t line = 0; line < 4; ++line) {
+    char* dst = lines;
+    for (std::size_t line = 0; line < kChunkLines; ++line) {
       std::memcpy(dst, block + line * kBase64LineLength, kBase64LineLength);
       dst += kBase64LineLength;
-      if (left > 0 || line < 3) {
+      if (left > 0 || line + 1 < kChunkLines) {
         dst[0] = '\r';
         dst[1] = '\n';
         dst += 2;
       }
     }
+    out.append(lines, static_cast<std::size_t>(dst - lines));
   }
 
-  // The rest: fewer than four lines, the last of them possibly short and padded.
+  // The rest: fewer than a chunk's lines, the last of them possibly short and padded.
   if (left > 0) {
     const std::size_t whole = left / 3 * 3;
-    EncodeGroups(in, whole, block);
+    encoder(in, whole, block);
     std::size_t chars = whole / 3 * 4;
     if (left > whole) {
       EncodeTail(in + whole, left - whole, block + chars);
       chars += 4;
     }
     for (std::size_t offset = 0; offset < chars; offset += kBase64LineLength) {
-      if (offset > 0) {
-        dst[0] = '\r';
-        dst[1] = '\n';
-        dst += 2;
-      }
-      const std::size_t length = std::min(kBase64LineLength, chars - offset);
-      std::memcpy(dst, block + offset, length);
-      dst += length;
+      if (offset > 0) out.append("\r\n", 2);
+      out.append(block + offset, std::min(kBase64LineLength, chars - offset));
     }
   }
 }

@@ -78,6 +78,7 @@ std::size_t StringEndSlowly(const std::string& text, bool& hasBackslash) {
 std::vector<const JsonTextKernels*> AllKernels() {
   std::vector<const JsonTextKernels*> kernels{&PortableJsonTextKernels()};
   if (const JsonTextKernels* vector = VectorJsonTextKernels()) kernels.push_back(vector);
+  if (const JsonTextKernels* wide = WideVectorJsonTextKernels()) kernels.push_back(wide);
   return kernels;
 }
 
@@ -217,19 +218,23 @@ TEST(JsonEscapeKernels, BackslashRunsAcrossBlockEdges) {
   }
 }
 
-TEST(JsonEscapeKernels, ActiveKernelsAreOneOfTheSets) {
+TEST(JsonEscapeKernels, ActiveKernelsAreTheWidestAvailable) {
   const JsonTextKernels* active = &JsonText();
-  EXPECT_TRUE(active == &PortableJsonTextKernels() || active == VectorJsonTextKernels());
-  if (VectorJsonTextKernels() != nullptr) {
+  if (WideVectorJsonTextKernels() != nullptr) {
+    EXPECT_EQ(active, WideVectorJsonTextKernels());
+  } else if (VectorJsonTextKernels() != nullptr) {
     EXPECT_EQ(active, VectorJsonTextKernels());
+  } else {
+    EXPECT_EQ(active, &PortableJsonTextKernels());
   }
 }
 
 // Long strings are read in pieces; escapes across the piece edges (every 16384 bytes) and
-// across the first 65536 bytes, after which a string is read in one pass, must not change
+// across the first 4096 bytes, after which a string is read in one pass, must not change
 // the text.
 TEST(JsonEscapeKernels, LongStringsReadAcrossPieceEdges) {
-  for (const std::size_t edge : {std::size_t{16384}, std::size_t{65536}, std::size_t{81920}}) {
+  for (const std::size_t edge :
+       {std::size_t{4096}, std::size_t{16384}, std::size_t{65536}, std::size_t{81920}}) {
     for (std::size_t run = 1; run <= 4; ++run) {
       for (std::ptrdiff_t shift = -2; shift <= 2; ++shift) {
         std::string text(edge + 5000, 'a');

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace Pendrel::detail {
 namespace {
@@ -137,6 +138,59 @@ TEST(Base64, MegabytesDecodeBack) {
     EXPECT_EQ(text.size(), Base64LinesLength(size));
     EXPECT_TRUE(DecodeLines(text) == data) << "length " << size;
   }
+}
+
+std::string EncodeWith(Base64GroupEncoder encoder, const std::string& data) {
+  std::string out;
+  AppendBase64Lines(out, data, encoder);
+  return out;
+}
+
+TEST(Base64, VectorKernelWritesWhatThePortableLoopWrites) {
+  const Base64GroupEncoder vector = VectorBase64Encoder();
+  if (vector == nullptr) GTEST_SKIP() << "no vector kernel on this processor";
+  const Base64GroupEncoder portable = PortableBase64Encoder();
+  std::mt19937 random(1560);
+  // Every length around the encoder's steps and the chunks of lines, then random ones.
+  std::vector<std::size_t> sizes;
+  for (std::size_t size = 0; size <= 3200; ++size) sizes.push_back(size);
+  for (int i = 0; i < 200; ++i) sizes.push_back(random() % (std::size_t{1} << 18));
+  sizes.push_back((std::size_t{4} << 20) + 7);
+  for (const std::size_t size : sizes) {
+    const std::string data = RandomBytes(random, size);
+    ASSERT_EQ(EncodeWith(vector, data), EncodeWith(portable, data)) << "length " << size;
+  }
+}
+
+TEST(Base64, VectorKernelEncodesEveryGroupValue) {
+  // All 2^24 groups, in one stretch that the kernel encodes twelve bytes at a time.
+  const Base64GroupEncoder vector = VectorBase64Encoder();
+  if (vector == nullptr) GTEST_SKIP() << "no vector kernel on this processor";
+  std::string data;
+  data.reserve(3u << 24);
+  for (std::uint32_t group = 0; group < (1u << 24); ++group) {
+    data += static_cast<char>(group >> 16);
+    data += static_cast<char>(group >> 8);
+    data += static_cast<char>(group);
+  }
+  std::string fromVector(data.size() / 3 * 4, '\0');
+  std::string fromPortable(fromVector.size(), '\0');
+  const auto* in = reinterpret_cast<const unsigned char*>(data.data());
+  vector(in, data.size(), fromVector.data());
+  PortableBase64Encoder()(in, data.size(), fromPortable.data());
+  EXPECT_TRUE(fromVector == fromPortable);
+}
+
+TEST(Base64, AppendingPieceByPieceGivesEachPieceItsLines) {
+  std::string out;
+  std::string expected;
+  std::mt19937 random(7);
+  for (int i = 0; i < 50; ++i) {
+    const std::string piece = RandomBytes(random, random() % 5000);
+    AppendBase64Lines(out, piece);
+    expected += Encode(piece);
+  }
+  EXPECT_TRUE(out == expected);
 }
 
 }  // namespace
