@@ -123,7 +123,7 @@ EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CR
   return DoRequest(request.ToJsonString(), response);
 }
 
-EErrorCode CHandler::DoRequest(const std::string& json, Pendrel::CResponse& response) {
+EErrorCode CHandler::DoRequest(std::string json, Pendrel::CResponse& response) {
   State& state = *m_state;
   // Held for the whole exchange: a copy of this handler may let go of the pipe meanwhile.
   const std::shared_ptr<detail::Connection> connection = state.connection;
@@ -134,7 +134,12 @@ EErrorCode CHandler::DoRequest(const std::string& json, Pendrel::CResponse& resp
   // An exchange that failed while this one waited for the lock failed the handler too.
   if (state.lastError != Ok) return static_cast<EErrorCode>(state.lastError.load());
   Pendrel::NamedPipeChannel& channel = connection->channel;
-  channel.Post(json);
+  // The text itself goes into the channel's queue; a copy is kept only in the modes whose
+  // transaction log would report it after a failure.
+  const int mode = state.ModeValue;
+  std::string logged;
+  if (mode >= 1 && mode <= 3) logged = json;
+  channel.Post(std::move(json));
 
   // The product is formed in 32 bits, as it always has been.
   const std::uint32_t limitMs = static_cast<std::uint32_t>(ResponseTimeoutS) * 1000u;
@@ -144,7 +149,7 @@ EErrorCode CHandler::DoRequest(const std::string& json, Pendrel::CResponse& resp
       break;
     case Pendrel::EWaitResult::Error:
       state.SetErrorMessage(channel.TakeErrorText());
-      LogTransaction(json, std::string());
+      LogTransaction(logged, std::string());
       state.Fail(ChannelError);
       return ChannelError;
     case Pendrel::EWaitResult::TimedOut:

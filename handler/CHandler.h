@@ -128,7 +128,8 @@ class PENDREL_API CHandler {
   void OnCloseSession();
 
  private:
-  EErrorCode DoRequest(const std::string& json, Pendrel::CResponse& response);
+  // Sends `json` (moved into the channel, not copied) and reads the answer into `response`.
+  EErrorCode DoRequest(std::string json, Pendrel::CResponse& response);
   void LogTransaction(const std::string& request, const std::string& response);
   std::wstring GetKesh2SessionID();
   std::wstring GetKesh2SessionStartTime();

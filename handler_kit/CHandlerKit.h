@@ -7,9 +7,9 @@
 //   int main(int argc, char** argv) {
 //     PendrelKit::CHandlerKit kit;
 //     kit.Info = {L"Echo", L"Answers every request with its own files", L"1.0"};
-//     kit.OnRequest = [](const Pendrel::CRequest& request) {
+//     kit.OnRequest = [](Pendrel::CRequest& request) {
 //       Pendrel::CResponse response;
-//       response.Data = request.InputData;
+//       response.Data = std::move(request.InputData);
 //       return response;
 //     };
 //     return kit.Run(argc, argv);
@@ -76,7 +76,10 @@ class CHandlerKit {
   std::function<EMessageAction(const std::string& message)> OnMessage;
 
   // One callback per message kind; the answer is sent as returned.
-  std::function<Pendrel::CResponse(const Pendrel::CRequest& request)> OnRequest;
+  // The request is the kit's own, read for this call alone: the callback may take its files
+  // and parameters (std::move) instead of copying them. A callback taking
+  // `const Pendrel::CRequest&` fits as well.
+  std::function<Pendrel::CResponse(Pendrel::CRequest& request)> OnRequest;
   std::function<Pendrel::CResponse()> OnHandlerInfo;
   std::function<Pendrel::CResponse(const std::wstring& taskCode)> OnTaskInfo;
   std::function<Pendrel::CResponse()> OnInputFileSize;

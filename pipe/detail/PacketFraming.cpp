@@ -63,8 +63,8 @@ MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint
   // look too large.
   const std::uint64_t have = std::uint64_t{m_message.size()} + payload;
   if (have > maxMessageSize) return EStep::TooLarge;
+  const std::uint64_t senderRoom = std::min<std::uint64_t>(packet.size() - kHeader, room);
   if (remaining > 0) {
-    const std::uint64_t senderRoom = std::min<std::uint64_t>(packet.size() - kHeader, room);
     // Packets with no room cannot carry the byte the last one must hold.
     if (senderRoom == 0) return EStep::Invalid;
     if (have == maxMessageSize || remaining - 1 > (maxMessageSize - have - 1) / senderRoom) {
@@ -72,11 +72,21 @@ MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint
     }
   }
 
-  // Grown by hand so that the capacity never passes the limit.
+  // Grown by hand, at least doubling, so that the capacity never passes the limit nor twice
+  // what has arrived. The steps are the announced size (the packets to come full) halved as
+  // often as what has arrived allows, so that the last step lands on the whole message:
+  // growing by plain doubling from the first packet's size often falls a few bytes short
+  // and then copies everything once more into a block twice too large. A header that
+  // lies only changes where the steps fall, never how far ahead of the data they reach.
   const auto needed = static_cast<std::size_t>(have);
   if (needed > m_message.capacity()) {
-    m_message.reserve(static_cast<std::size_t>(
-        std::min<std::uint64_t>(maxMessageSize, std::max(needed, 2 * m_message.capacity()))));
+    // At most 2^32 packets of at most 2^32 bytes: the product stays within 64 bits.
+    const std::uint64_t announced = have + std::uint64_t{remaining} * senderRoom;
+    std::uint64_t step = announced;
+    while ((step + 1) / 2 >= needed) step = (step + 1) / 2;
+    const std::uint64_t doubled = std::max<std::uint64_t>(needed, 2 * m_message.capacity());
+    m_message.reserve(static_cast<std::size_t>(std::max<std::uint64_t>(
+        needed, std::min({maxMessageSize, announced, std::max(step, doubled)}))));
   }
   m_message.append(packet.data() + kHeader, payload);
   m_remaining = remaining;

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "json/TextConversion.h"
@@ -172,6 +173,21 @@ TEST(HandlerKitDispatch, ARequestThatIsNotJsonReachesTheCallbackEmpty) {
   EXPECT_EQ(AnswerTo(kit, "{not json"), "{\"status\":3,\"Parameters\":{}}");
   EXPECT_EQ(received.Command, L"");
   EXPECT_TRUE(received.InputData.empty());
+}
+
+TEST(HandlerKitDispatch, ARequestCallbackMayTakeTheFilesOfTheRequest) {
+  CHandlerKit kit;
+  kit.OnRequest = [](Pendrel::CRequest& request) {
+    Pendrel::CResponse response;
+    response.Data = std::move(request.InputData);
+    response.Parameters = std::move(request.RequestParams);
+    return response;
+  };
+  const Pendrel::CRequest request = SampleRequest();
+  Pendrel::CResponse expected;
+  expected.Data = request.InputData;
+  expected.Parameters = request.RequestParams;
+  EXPECT_EQ(AnswerTo(kit, request.ToJsonString()), expected.ToJsonString());
 }
 
 TEST(HandlerKitDispatch, ACallbackThatThrowsIsAnsweredWithAnError) {

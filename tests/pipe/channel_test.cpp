@@ -6,6 +6,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "pipe/NamedPipeChannel.h"
 #include "tests/pipe/PipeTestSupport.h"
@@ -108,6 +109,29 @@ TEST(PipeChannel, ServerEndAndClientEndExchangeMessagesInOrder) {
     EXPECT_TRUE(message == PatternMessage(i * 7000, 100 + i)) << i;
   }
   EXPECT_FALSE(server.HasError());
+  EXPECT_FALSE(client.HasError());
+}
+
+TEST(PipeChannel, CarriesAMessageMovedIntoPostWhole) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  NamedPipeChannel client;
+  auto opened = std::async(std::launch::async, [&] { return server.Open(name); });
+  bool clientOpen = false;
+  for (int attempt = 0; attempt < 250 && !clientOpen; ++attempt) {
+    clientOpen = client.Open(name, EPipeEnd::Client);
+    if (!clientOpen) std::this_thread::sleep_for(20ms);
+  }
+  ASSERT_TRUE(clientOpen);
+  ASSERT_TRUE(opened.get());
+
+  // Several packets' worth, handed to the queue without a copy.
+  const std::string expected = PatternMessage(5 * 32768 + 17, 9);
+  std::string message = expected;
+  EXPECT_TRUE(server.Post(std::move(message)));
+  std::string received;
+  ASSERT_EQ(client.WaitForMessage(received, 10s), EWaitResult::Message);
+  EXPECT_TRUE(received == expected);
   EXPECT_FALSE(client.HasError());
 }
 
