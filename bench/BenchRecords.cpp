@@ -3,7 +3,7 @@
 #include <algorithm>  // std::sort
 #include <cmath>      // std::ceil
 #include <cstdint>
-#include <utility>    // std::move
+#include <utility>  // std::move
 
 namespace PendrelBench {
 namespace {

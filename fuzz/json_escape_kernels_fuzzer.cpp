@@ -1,6 +1,7 @@
-// The JSON layer's vector kernels (every one the processor runs) against the portable byte loops, on arbitrary bytes: both
-// must give the same bytes, stop at the same place, and stay inside their buffers (the input
-// exactly as long as it is, the output as long as the result plus the documented slack).
+// The JSON layer's vector kernels (every one the processor runs) against the portable byte loops,
+// on arbitrary bytes: both must give the same bytes, stop at the same place, and stay inside their
+// buffers (the input exactly as long as it is, the output as long as the result plus the documented
+// slack).
 #include <algorithm>  // std::copy
 #include <memory>
 #include <string>
