@@ -28,6 +28,18 @@ const std::wstring kOpenTimedOut =
 const std::wstring kOpenFailed = L"Ошибка открытия канала NamedPipe\n";
 const std::wstring kNoClient = L"Нет входящих подключений по каналу NamedPipe\n";
 
+// Opens `server` on `name` and `client` against it, retrying the client until the server's
+// endpoint exists (up to 5 s); whether both ends opened.
+bool OpenBothEnds(NamedPipeChannel& server, NamedPipeChannel& client, const std::wstring& name) {
+  auto opened = std::async(std::launch::async, [&] { return server.Open(name); });
+  bool clientOpen = false;
+  for (int attempt = 0; attempt < 250 && !clientOpen; ++attempt) {
+    clientOpen = client.Open(name, EPipeEnd::Client);
+    if (!clientOpen) std::this_thread::sleep_for(20ms);
+  }
+  return opened.get() && clientOpen;
+}
+
 TEST(PipeChannel, HasItsDefaults) {
   const NamedPipeChannel channel;
   EXPECT_EQ(channel.TimeLimitMs(), 60000u);
@@ -87,14 +99,7 @@ TEST(PipeChannel, ServerEndAndClientEndExchangeMessagesInOrder) {
   const std::wstring name = UniquePipeName();
   NamedPipeChannel server;
   NamedPipeChannel client;
-  auto opened = std::async(std::launch::async, [&] { return server.Open(name); });
-  bool clientOpen = false;
-  for (int attempt = 0; attempt < 250 && !clientOpen; ++attempt) {
-    clientOpen = client.Open(name, EPipeEnd::Client);
-    if (!clientOpen) std::this_thread::sleep_for(20ms);
-  }
-  ASSERT_TRUE(clientOpen);
-  ASSERT_TRUE(opened.get());
+  ASSERT_TRUE(OpenBothEnds(server, client, name));
   EXPECT_TRUE(server.IsConnected());
   EXPECT_TRUE(client.IsConnected());
   EXPECT_FALSE(server.IsConnecting());
@@ -116,14 +121,7 @@ TEST(PipeChannel, CarriesAMessageMovedIntoPostWhole) {
   const std::wstring name = UniquePipeName();
   NamedPipeChannel server;
   NamedPipeChannel client;
-  auto opened = std::async(std::launch::async, [&] { return server.Open(name); });
-  bool clientOpen = false;
-  for (int attempt = 0; attempt < 250 && !clientOpen; ++attempt) {
-    clientOpen = client.Open(name, EPipeEnd::Client);
-    if (!clientOpen) std::this_thread::sleep_for(20ms);
-  }
-  ASSERT_TRUE(clientOpen);
-  ASSERT_TRUE(opened.get());
+  ASSERT_TRUE(OpenBothEnds(server, client, name));
 
   // Several packets' worth, handed to the queue without a copy.
   const std::string expected = PatternMessage(5 * 32768 + 17, 9);
