@@ -26,8 +26,10 @@ def load(paths):
         singles, medians = {}, {}
         for entry in document.get("benchmarks", []):
             name = entry.get("run_name", entry["name"])
-            # "Name/manual_time", "Name/iterations:1/manual_time": the figure's own name.
-            name = re.sub(r"(/iterations:\d+)?(/manual_time)?(/repeats:\d+)?$", "", name)
+            # "Name/manual_time", "Name/real_time", "Name/iterations:1/manual_time": the
+            # figure's own name.
+            name = re.sub(r"(/iterations:\d+)?(/manual_time|/real_time)?(/repeats:\d+)?$", "",
+                          name)
             if entry.get("error_occurred"):
                 failed.append(f"{name}: {entry.get('error_message', 'error')}")
                 continue
