@@ -46,6 +46,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/ProgramPath.h"
+
 namespace pendrel_test {
 
 // Fixed answers of the test handler:
@@ -131,22 +133,8 @@ inline std::vector<std::string> WaitForRecordedMessages(const std::filesystem::p
 }
 
 #ifdef PENDREL_TEST_HANDLER_PATH
-// The test handler's executable as the test program must name it to start it. A Windows
-// build tested under Wine was given the Linux path of the build folder; Wine shows the Linux
-// root as drive Z:.
-inline std::wstring TestHandlerPath() {
-  const std::string path = PENDREL_TEST_HANDLER_PATH;
-  std::wstring wide(path.begin(), path.end());
-#ifdef _WIN32
-  if (!wide.empty() && wide.front() == L'/') {
-    for (wchar_t& c : wide) {
-      if (c == L'/') c = L'\\';
-    }
-    wide.insert(0, L"Z:");
-  }
-#endif
-  return wide;
-}
+// The test handler's executable as the test program must name it to start it.
+inline std::wstring TestHandlerPath() { return ProgramPathFromBuild(PENDREL_TEST_HANDLER_PATH); }
 #endif
 
 }  // namespace pendrel_test

@@ -49,6 +49,7 @@
 
 #include "message/CRequest.h"
 #include "message/CResponse.h"
+#include "tests/support/ProgramPath.h"
 
 namespace pendrel_fault {
 
@@ -117,20 +118,9 @@ inline std::string PatternBytes(std::size_t size) {
 }
 
 #ifdef PENDREL_FAULT_HANDLER_PATH
-// The program as a test must name it to start it. A Windows build tested under Wine was
-// given the Linux path of the build folder; Wine shows the Linux root as drive Z:.
+// The program as a test must name it to start it.
 inline std::wstring FaultHandlerPath() {
-  const std::string path = PENDREL_FAULT_HANDLER_PATH;
-  std::wstring wide(path.begin(), path.end());
-#ifdef _WIN32
-  if (!wide.empty() && wide.front() == L'/') {
-    for (wchar_t& c : wide) {
-      if (c == L'/') c = L'\\';
-    }
-    wide.insert(0, L"Z:");
-  }
-#endif
-  return wide;
+  return pendrel_test::ProgramPathFromBuild(PENDREL_FAULT_HANDLER_PATH);
 }
 #endif
 
