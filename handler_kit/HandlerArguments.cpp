@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "handler_kit/detail/NativeArguments.h"
+#include "protocol/HandlerProtocol.h"
 
 namespace PendrelKit {
 namespace {
@@ -30,9 +31,13 @@ constexpr bool ErrorTextsAreInEnumOrder() {
 }
 static_assert(ErrorTextsAreInEnumOrder(), "kErrorTexts is indexed by EArgumentError");
 
-constexpr std::wstring_view kPipeNamePrefix = L"_MN_=";
-constexpr std::wstring_view kModePrefix = L"_DM_=";
-constexpr std::wstring_view kExPrefix = L"_EX_=";
+using Pendrel::protocol::EStartArgument;
+constexpr std::wstring_view kPipeNamePrefix =
+    Pendrel::protocol::StartArgumentPrefix(EStartArgument::PipeName);
+constexpr std::wstring_view kModePrefix =
+    Pendrel::protocol::StartArgumentPrefix(EStartArgument::Mode);
+constexpr std::wstring_view kExPrefix =
+    Pendrel::protocol::StartArgumentPrefix(EStartArgument::ExValue);
 
 bool StartsWith(std::wstring_view text, std::wstring_view prefix) {
   return text.substr(0, prefix.size()) == prefix;

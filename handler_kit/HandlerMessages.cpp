@@ -7,36 +7,18 @@
 namespace PendrelKit {
 namespace {
 
-struct CommandWordEntry {
-  EMessageKind kind;
-  std::string_view word;
-};
+namespace protocol = Pendrel::protocol;
 
-// Request and Unknown have no word; their rows keep the table indexed by the enum.
-constexpr CommandWordEntry kCommandWords[] = {
-    {EMessageKind::Request, ""},
-    {EMessageKind::HandlerInfo, "RequestHandlerInfo"},
-    {EMessageKind::TaskInfo, "RequestHandlerTaskInfo"},
-    {EMessageKind::InputFileSize, "RequestInputFileSize"},
-    {EMessageKind::LibVersion, "RequestLibVersion"},
-    {EMessageKind::AllOutputFiles, "RequestAllOutputFiles"},
-    {EMessageKind::CreateSession, "OnCreateSession"},
-    {EMessageKind::CloseSession, "OnCloseSession"},
-    {EMessageKind::Unknown, ""},
-};
-
-constexpr bool WordsAreInEnumOrder() {
-  for (std::size_t i = 0; i < std::size(kCommandWords); ++i) {
-    if (static_cast<std::size_t>(kCommandWords[i].kind) != i) return false;
-  }
-  return true;
+// Each command's kind follows Request in EMessageKind, in the protocol's order.
+constexpr EMessageKind KindOf(protocol::ECommand command) {
+  return static_cast<EMessageKind>(static_cast<int>(command) + 1);
 }
-static_assert(WordsAreInEnumOrder(), "kCommandWords is indexed by EMessageKind");
-
-constexpr std::string_view kTaskCodeKey = "&TaskCode=";
+static_assert(KindOf(protocol::ECommand::HandlerInfo) == EMessageKind::HandlerInfo);
+static_assert(KindOf(protocol::ECommand::CloseSession) == EMessageKind::CloseSession);
+static_assert(static_cast<std::size_t>(EMessageKind::Unknown) == protocol::kCommandCount + 1);
 
 std::string_view QueryOf(std::string_view message) {
-  const std::size_t ampersand = message.find('&');
+  const std::size_t ampersand = message.find(protocol::kQuerySeparator);
   return ampersand == std::string_view::npos ? std::string_view() : message.substr(ampersand);
 }
 
@@ -55,29 +37,30 @@ std::uint32_t ParseUnsigned32(std::wstring_view text) {
 }  // namespace
 
 EMessageKind ClassifyMessage(std::string_view message) {
-  if (!message.empty() && message.front() == '{') return EMessageKind::Request;
-  const std::string_view word = message.substr(0, message.find('&'));
-  for (const CommandWordEntry& entry : kCommandWords) {
-    if (!entry.word.empty() && entry.word == word) return entry.kind;
+  if (!message.empty() && message.front() == protocol::kRequestStart) return EMessageKind::Request;
+  const std::string_view word = message.substr(0, message.find(protocol::kQuerySeparator));
+  for (std::size_t i = 0; i < protocol::kCommandCount; ++i) {
+    if (protocol::kCommandWords[i] == word) return KindOf(static_cast<protocol::ECommand>(i));
   }
   return EMessageKind::Unknown;
 }
 
 const char* CommandWord(EMessageKind kind) {
   const auto index = static_cast<std::size_t>(kind);
-  // The table's words are literals, so each view ends in a zero byte.
-  return index < std::size(kCommandWords) ? kCommandWords[index].word.data() : "";
+  if (index == 0 || index > protocol::kCommandCount) return "";
+  // The protocol's words are literals, so each view ends in a zero byte.
+  return protocol::kCommandWords[index - 1].data();
 }
 
 QueryPairs ParseQuery(std::string_view message) {
   QueryPairs pairs;
   std::string_view query = QueryOf(message);
   while (!query.empty()) {
-    const std::size_t end = query.find('&');
+    const std::size_t end = query.find(protocol::kQuerySeparator);
     const std::string_view piece = query.substr(0, end);
     query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
     if (piece.empty()) continue;
-    const std::size_t equals = piece.find('=');
+    const std::size_t equals = piece.find(protocol::kQueryAssign);
     if (equals == std::string_view::npos) {
       pairs.emplace_back(Pendrel::Utf8ToUtf16(piece), std::wstring());
     } else {
@@ -93,23 +76,23 @@ CSessionInfo ParseSessionInfo(std::string_view message) {
   session.Pairs = ParseQuery(message);
   // One row per field, so that a key and the field it fills are named once.
   struct Field {
-    const wchar_t* key;
+    protocol::EQueryKey key;
     std::wstring* value;
     bool seen;
   };
   std::wstring timeout;
   Field fields[] = {
-      {L"SessionKey", &session.SessionKey, false},
-      {L"User", &session.User, false},
-      {L"HandleTaskID", &session.HandleTaskID, false},
-      {L"HandlerCode", &session.HandlerCode, false},
-      {L"HandlerTaskCode", &session.HandlerTaskCode, false},
-      {L"LogFileName", &session.LogFileName, false},
-      {L"TaskTimeoutS", &timeout, false},
+      {protocol::EQueryKey::SessionKey, &session.SessionKey, false},
+      {protocol::EQueryKey::User, &session.User, false},
+      {protocol::EQueryKey::HandleTaskID, &session.HandleTaskID, false},
+      {protocol::EQueryKey::HandlerCode, &session.HandlerCode, false},
+      {protocol::EQueryKey::HandlerTaskCode, &session.HandlerTaskCode, false},
+      {protocol::EQueryKey::LogFileName, &session.LogFileName, false},
+      {protocol::EQueryKey::TaskTimeoutS, &timeout, false},
   };
   for (const auto& [key, value] : session.Pairs) {
     for (Field& field : fields) {
-      if (!field.seen && key == field.key) {
+      if (!field.seen && key == protocol::QueryKey(field.key)) {
         field.seen = true;
         *field.value = value;
       }
@@ -120,9 +103,11 @@ CSessionInfo ParseSessionInfo(std::string_view message) {
 }
 
 std::wstring ParseTaskCode(std::string_view message) {
-  const std::size_t start = message.find(kTaskCodeKey);
+  std::string taskCodeKey;
+  protocol::AppendQueryPair(taskCodeKey, protocol::EQueryKey::TaskCode, "");
+  const std::size_t start = message.find(taskCodeKey);
   if (start == std::string_view::npos) return std::wstring();
-  return Pendrel::Utf8ToUtf16(message.substr(start + kTaskCodeKey.size()));
+  return Pendrel::Utf8ToUtf16(message.substr(start + taskCodeKey.size()));
 }
 
 Pendrel::CResponse HandlerInfoAnswer(const CHandlerDescription& description) {

@@ -1,8 +1,5 @@
-// The messages the library sends a handler, and the answers it reads back.
-//
-// Every message is narrow text: a request as its JSON document (starting with "{"), or a
-// command word, possibly followed by a query text ("&key=value&key=value…", UTF-8, values
-// inserted as they stand, nothing escaped):
+// The messages the library sends a handler, and the answers it reads back, as a handler
+// sees them. The words and keys themselves are the protocol's (protocol/HandlerProtocol.h):
 //   RequestHandlerInfo                       answer Parameters "Name", "Description", "Version"
 //   RequestHandlerTaskInfo&TaskCode=<code>   answer Parameters "Name", "Description"
 //   RequestInputFileSize                     answer Parameters "InputFileSize" (decimal)
@@ -11,8 +8,9 @@
 //   OnCreateSession&SessionKey=…&User=…&HandleTaskID=…&HandlerCode=…&HandlerTaskCode=…
 //       &LogFileName=…&TaskTimeoutS=…        an answer
 //   OnCloseSession                           no answer
-// Every other message gets exactly one answer, a CResponse in its full JSON form; the
-// library matches answers to messages by order alone.
+// A request is its JSON document (starting with "{"). Every other message gets exactly one
+// answer, a CResponse in its full JSON form; the library matches answers to messages by
+// order alone.
 //
 // Everything here is a pure function of its input; any thread may call it.
 #pragma once
@@ -24,19 +22,17 @@
 #include <vector>
 
 #include "message/CResponse.h"
+#include "protocol/HandlerProtocol.h"
 
 namespace PendrelKit {
 
+// A request, one kind per command word of the protocol (same names, same order), or none.
 enum class EMessageKind {
-  Request,         // a request's JSON document
-  HandlerInfo,     // "RequestHandlerInfo"
-  TaskInfo,        // "RequestHandlerTaskInfo"
-  InputFileSize,   // "RequestInputFileSize"
-  LibVersion,      // "RequestLibVersion"
-  AllOutputFiles,  // "RequestAllOutputFiles"
-  CreateSession,   // "OnCreateSession"
-  CloseSession,    // "OnCloseSession"
-  Unknown,
+  Request,  // a request's JSON document
+#define PENDREL_KIT_MESSAGE_KIND(name, word) name,
+  PENDREL_PROTOCOL_COMMANDS(PENDREL_KIT_MESSAGE_KIND)
+#undef PENDREL_KIT_MESSAGE_KIND
+      Unknown,
 };
 
 // A request when `message` starts with "{"; otherwise the kind whose command word equals
@@ -79,11 +75,16 @@ CSessionInfo ParseSessionInfo(std::string_view message);
 std::wstring ParseTaskCode(std::string_view message);
 
 // The Parameters keys the library reads from the answers to the queries.
-inline constexpr wchar_t kNameKey[] = L"Name";
-inline constexpr wchar_t kDescriptionKey[] = L"Description";
-inline constexpr wchar_t kVersionKey[] = L"Version";
-inline constexpr wchar_t kInputFileSizeKey[] = L"InputFileSize";
-inline constexpr wchar_t kLibVersionKey[] = L"LibVersion";
+inline constexpr const wchar_t* kNameKey =
+    Pendrel::protocol::AnswerKey(Pendrel::protocol::EAnswerKey::Name);
+inline constexpr const wchar_t* kDescriptionKey =
+    Pendrel::protocol::AnswerKey(Pendrel::protocol::EAnswerKey::Description);
+inline constexpr const wchar_t* kVersionKey =
+    Pendrel::protocol::AnswerKey(Pendrel::protocol::EAnswerKey::Version);
+inline constexpr const wchar_t* kInputFileSizeKey =
+    Pendrel::protocol::AnswerKey(Pendrel::protocol::EAnswerKey::InputFileSize);
+inline constexpr const wchar_t* kLibVersionKey =
+    Pendrel::protocol::AnswerKey(Pendrel::protocol::EAnswerKey::LibVersion);
 
 struct CHandlerDescription {
   std::wstring Name;

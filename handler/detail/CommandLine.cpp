@@ -8,6 +8,7 @@
 #include "handler/detail/TestSeams.h"
 #include "json/TextConversion.h"
 #include "message/detail/Random.h"
+#include "protocol/HandlerProtocol.h"
 
 namespace CTolvane::detail {
 namespace {
@@ -16,7 +17,14 @@ bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t'; }
 
 // The handler's own arguments, without the path.
 std::vector<std::wstring> FixedArguments(const std::wstring& pipeName, int mode) {
-  return {L"_MN_=" + pipeName, Pendrel::FormatWString(L"_DM_=%d", mode), L"_EX_=2"};
+  using Pendrel::protocol::EStartArgument;
+  using Pendrel::protocol::StartArgumentPrefix;
+  const auto argument = [](EStartArgument which, const std::wstring& value) {
+    return std::wstring(StartArgumentPrefix(which)) + value;
+  };
+  return {argument(EStartArgument::PipeName, pipeName),
+          argument(EStartArgument::Mode, std::to_wstring(mode)),
+          argument(EStartArgument::ExValue, std::to_wstring(Pendrel::protocol::kExValue))};
 }
 
 }  // namespace

@@ -6,16 +6,6 @@
 
 namespace Pendrel::detail {
 
-void PutLittleEndian32(char* out, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-}
-
-std::uint32_t GetLittleEndian32(const char* in) {
-  std::uint32_t value = 0;
-  for (int i = 3; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(in[i]);
-  return value;
-}
-
 void PacketWriter::Begin(std::string message, std::uint32_t wirePacketSize) {
   m_message = std::move(message);
   m_room = wirePacketSize - kPacketHeaderSize;
@@ -29,8 +19,8 @@ std::string_view PacketWriter::CurrentPacket() {
   const std::size_t length = std::min(m_room, m_message.size() - offset);
   char* const packet = m_buffer.data();
   // A message would need more than 2^32 packets (hundreds of GiB) to overflow the count.
-  PutLittleEndian32(packet, static_cast<std::uint32_t>(m_count - m_next - 1));
-  PutLittleEndian32(packet + 4, static_cast<std::uint32_t>(length));
+  protocol::WritePacketHeader(packet, {static_cast<std::uint32_t>(m_count - m_next - 1),
+                                       static_cast<std::uint32_t>(length)});
   if (length > 0) {
     std::memcpy(packet + kPacketHeaderSize, m_message.data() + offset, length);
   }
@@ -52,8 +42,7 @@ MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint
                                               std::uint64_t maxMessageSize) {
   constexpr std::size_t kHeader = kPacketHeaderSize;
   if (packet.size() < kHeader) return EStep::Invalid;
-  const std::uint32_t remaining = GetLittleEndian32(packet.data());
-  const std::uint32_t payload = GetLittleEndian32(packet.data() + 4);
+  const auto [remaining, payload] = protocol::ReadPacketHeader(packet.data());
   const std::uint64_t room = wirePacketSize - kHeader;
   if (payload > packet.size() - kHeader || payload > room) return EStep::Invalid;
 

@@ -1,7 +1,5 @@
 // The channel's wire format without any pipe: cutting a message into packets and putting
-// received packets back together. Each packet starts with an 8-byte header of two
-// little-endian 32-bit words (packets still to come after this one, payload bytes in this
-// one), followed by the payload and zero filler up to the packet size.
+// received packets back together, in the packet layout of protocol/HandlerProtocol.h.
 //
 // The channel's worker drives both classes; they touch no operating system resource, so
 // tests and fuzz targets feed them packets directly. Neither is synchronised: one thread
@@ -13,12 +11,14 @@
 #include <string>
 #include <string_view>
 
+#include "protocol/HandlerProtocol.h"
+
 namespace Pendrel::detail {
 
-inline constexpr std::uint32_t kPacketHeaderSize = 8;
-
-void PutLittleEndian32(char* out, std::uint32_t value);
-std::uint32_t GetLittleEndian32(const char* in);
+// The header layout is the protocol's; the framing below only applies it.
+using protocol::GetLittleEndian32;
+using protocol::kPacketHeaderSize;
+using protocol::PutLittleEndian32;
 
 // Cuts one message into packets of a fixed size. An empty message is one packet with both
 // header words 0.
