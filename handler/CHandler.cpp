@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "handler/detail/CommandLine.h"
+#include "handler/detail/HandlerSettings.h"
 #include "handler/detail/HandlerState.h"
-#include "handler/detail/TestSeams.h"
 #include "json/TextConversion.h"
 
 namespace CTolvane {
@@ -16,21 +16,21 @@ using std::chrono::milliseconds;
 // Names are random; a taken one (another handler's, or a squatter's) is simply skipped.
 constexpr int kPipeNameAttempts = 16;
 
-constexpr wchar_t kLaunchFailedText[] = L"Ошибка запуска обработчика";
+// The settings a Start takes: the thread's scoped ones, else the defaults.
+detail::HandlerSettings& SettingsForStart(detail::HandlerSettings& defaults) {
+  detail::HandlerSettings* scoped = detail::ThreadHandlerSettings();
+  return scoped != nullptr ? *scoped : defaults;
+}
 
-std::atomic<std::uint32_t> g_startConnectTimeLimitMs{10000};
-std::atomic<std::uint32_t> g_channelTimeLimitMs{Pendrel::NamedPipeChannel::kDefaultTimeLimitMs};
+// The next pipe name to try: one the settings name, else a random one.
+std::wstring NextPipeName(detail::HandlerSettings& settings) {
+  if (settings.pipeNames.empty()) return detail::MakePipeName();
+  std::wstring name = std::move(settings.pipeNames.front());
+  settings.pipeNames.pop_front();
+  return name;
+}
 
 }  // namespace
-
-namespace detail {
-std::uint32_t StartConnectTimeLimitMs() { return g_startConnectTimeLimitMs; }
-void SetStartConnectTimeLimitMs(std::uint32_t milliseconds) {
-  g_startConnectTimeLimitMs = milliseconds;
-}
-std::uint32_t ChannelTimeLimitMs() { return g_channelTimeLimitMs; }
-void SetChannelTimeLimitMs(std::uint32_t milliseconds) { g_channelTimeLimitMs = milliseconds; }
-}  // namespace detail
 
 CHandlerInfo::CHandlerInfo() = default;
 CHandlerInfo::CHandlerInfo(const CHandlerInfo& other) = default;
@@ -62,24 +62,27 @@ CHandler::~CHandler() = default;
 
 EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extraArguments) {
   State& state = *m_state;
-  state.ModeValue = mode;
-  state.StartTicks = detail::NowTicks();
+  detail::HandlerSettings defaults;
+  detail::HandlerSettings& settings = SettingsForStart(defaults);
+  state.SetLogFolder(settings.logFolder);
+  state.modeValue = mode;
+  state.startTicks = detail::NowTicks();
   // A handler started before is let go; its pipe closes with its last owner.
   state.connection.reset();
 
   auto connection = std::make_shared<detail::Connection>();
   Pendrel::NamedPipeChannel& channel = connection->channel;
-  channel.SetTimeLimitMs(detail::ChannelTimeLimitMs());
+  channel.SetTimeLimitMs(settings.channelTimeLimitMs);
   // The pipe exists before the handler starts, so the handler finds it at once and no
   // other program can take its name meanwhile.
   std::wstring pipeName;
   bool listening = false;
   for (int attempt = 0; attempt < kPipeNameAttempts && !listening; ++attempt) {
-    pipeName = detail::MakePipeName();
+    pipeName = NextPipeName(settings);
     listening = channel.Listen(pipeName);
   }
   if (!listening) {
-    state.SetErrorMessage(channel.ErrorText());
+    state.SetChannelFailure(channel.Failure());
     state.Fail(StartFailed);
     return StartFailed;
   }
@@ -88,22 +91,22 @@ EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extr
       connection->child.Start(detail::BuildCommandLine(path, pipeName, mode, extraArguments),
                               detail::BuildArgumentVector(path, pipeName, mode, extraArguments));
   if (error != 0) {
-    state.SetErrorMessage(Pendrel::FormatWString(L"%ls #%u\n", kLaunchFailedText, error));
+    state.SetChannelFailure({Pendrel::EChannelFailure::LaunchFailed, error});
     state.Fail(StartFailed);
     return StartFailed;
   }
 
   // Only the process just started may connect, and its end stops the wait at once.
   channel.SetExpectedPeerProcessId(connection->child.Id());
-  channel.SetOpenTimeLimitMs(detail::StartConnectTimeLimitMs());
+  channel.SetOpenTimeLimitMs(settings.connectTimeLimitMs);
   connection->child.WatchExit([&channel] { channel.NotifyPeerExited(); });
   state.connection = connection;
   if (!channel.WaitForConnection()) {
-    state.SetErrorMessage(channel.ErrorText());
+    state.SetChannelFailure(channel.Failure());
     state.Fail(StartFailed);
     return StartFailed;
   }
-  connection->requestLock = std::make_unique<std::mutex>();
+  connection->started = true;
   return Ok;
 }
 
@@ -111,7 +114,12 @@ EErrorCode CHandler::LastError() { return static_cast<EErrorCode>(m_state->lastE
 
 std::wstring CHandler::GetResponseErrorMessage() {
   const std::lock_guard<std::mutex> lock(m_state->textMutex);
-  return m_state->ResponseErrorMessage;
+  return m_state->responseErrorMessage;
+}
+
+Pendrel::CChannelFailure CHandler::GetChannelFailure() {
+  const std::lock_guard<std::mutex> lock(m_state->textMutex);
+  return m_state->channelFailure;
 }
 
 EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response) {
@@ -127,31 +135,36 @@ EErrorCode CHandler::DoRequest(std::string json, Pendrel::CResponse& response) {
   State& state = *m_state;
   // Held for the whole exchange: a copy of this handler may let go of the pipe meanwhile.
   const std::shared_ptr<detail::Connection> connection = state.connection;
-  if (!connection || !connection->requestLock) return NotStarted;
+  if (!connection || !connection->started) return NotStarted;
   if (state.lastError != Ok) return static_cast<EErrorCode>(state.lastError.load());
 
-  const std::lock_guard<std::mutex> lock(*connection->requestLock);
+  const std::lock_guard<std::mutex> lock(connection->requestLock);
   // An exchange that failed while this one waited for the lock failed the handler too.
   if (state.lastError != Ok) return static_cast<EErrorCode>(state.lastError.load());
   Pendrel::NamedPipeChannel& channel = connection->channel;
   // The text itself goes into the channel's queue; a copy is kept only in the modes whose
   // transaction log would report it after a failure.
-  const int mode = state.ModeValue;
+  const int mode = state.modeValue;
   std::string logged;
   if (mode >= 1 && mode <= 3) logged = json;
   channel.Post(std::move(json));
 
-  // The product is formed in 32 bits, as it always has been.
+  // The limit is ResponseTimeoutS × 1000 taken modulo 2^32: a negative or huge setting
+  // wraps instead of failing.
   const std::uint32_t limitMs = static_cast<std::uint32_t>(ResponseTimeoutS) * 1000u;
   std::string answer;
   switch (channel.WaitForMessage(answer, milliseconds(limitMs))) {
     case Pendrel::EWaitResult::Message:
       break;
-    case Pendrel::EWaitResult::Error:
-      state.SetErrorMessage(channel.TakeErrorText());
+    case Pendrel::EWaitResult::Error: {
+      std::wstring text;
+      const Pendrel::CChannelFailure failure = channel.TakeFailure(text);
+      state.SetChannelFailure(failure, std::move(text));
       LogTransaction(logged, std::string());
       state.Fail(ChannelError);
       return ChannelError;
+    }
+    case Pendrel::EWaitResult::Interrupted:  // nobody interrupts a handler's channel
     case Pendrel::EWaitResult::TimedOut:
       state.Fail(ResponseTimeout);
       return ResponseTimeout;

@@ -22,6 +22,7 @@
 #include "message/CRequest.h"
 #include "message/CResponse.h"
 #include "message/Export.h"
+#include "pipe/ChannelFailure.h"
 
 namespace CTolvane {
 
@@ -93,6 +94,10 @@ class PENDREL_API CHandler {
   // The pipe's error text of the last failed exchange (or failed Start); empty if none.
   std::wstring GetResponseErrorMessage();
 
+  // What GetResponseErrorMessage's text reports, as a code: the step that failed and its
+  // number (ChannelFailure.h); Failure None when the text is empty. Any thread.
+  Pendrel::CChannelFailure GetChannelFailure();
+
   // Sends `request` as its JSON document and reads the answer into `response`. Returns
   // NotStarted (and makes it the last error) when the handler is not connected; else as
   // the exchange: Ok, ChannelError, ResponseTimeout, BadResponse, or the earlier error.
@@ -121,7 +126,7 @@ class PENDREL_API CHandler {
                              std::wstring logFileName, long long taskTimeoutS,
                              Pendrel::CResponse& response);
 
-  // Sends the one-way notice "OnCloseSession" and waits until it has gone out (up to 10 s).
+  // Sends the one-way notice "OnCloseSession" and waits until it has gone out (up to 9.99 s).
   // If an answer nobody read is waiting, it first waits up to ResponseTimeoutS seconds for
   // it to be taken, and returns without waiting for the notice if it is not. Needs a
   // started handler; reports nothing.
@@ -136,8 +141,6 @@ class PENDREL_API CHandler {
 
   struct State;
   std::unique_ptr<State> m_state;
-
-  friend struct CHandlerTestAccess;
 };
 
 }  // namespace CTolvane

@@ -19,7 +19,7 @@ using protocol::ECommand;
 using protocol::EQueryKey;
 using std::chrono::milliseconds;
 
-// How long OnCloseSession waits for its notice to go out.
+// How long OnCloseSession waits for its notice to go out: 999 steps of 10 ms.
 constexpr milliseconds kCloseFlushLimit{9990};
 
 // The value under `key`, if the answer has one.
@@ -67,9 +67,9 @@ EErrorCode CHandler::RequestInputFileSize(unsigned long long& size) {
   const EErrorCode result = DoRequest(Word(ECommand::InputFileSize), answer);
   if (result != Ok) return result;
   if (const std::wstring* text = Find(answer, EAnswerKey::InputFileSize)) {
-    // Handlers have always been read with "%ull": an unsigned decimal (blanks and a sign
-    // allowed, as the C library scans it) into the low 32 bits only; the high half keeps
-    // its value. Scanned the same way on every platform.
+    // An unsigned decimal (leading blanks and a sign allowed, as the C library scans it)
+    // into the low 32 bits only; the high half keeps its value. Scanned the same way on
+    // every platform.
     wchar_t* end = nullptr;
     const unsigned long long value = std::wcstoull(text->c_str(), &end, 10);
     if (end != text->c_str()) {
@@ -99,10 +99,10 @@ EErrorCode CHandler::OnCreateSession(std::wstring sessionKey, std::wstring user,
   State& state = *m_state;
   {
     const std::lock_guard<std::mutex> lock(state.textMutex);
-    state.SessionIdText = sessionKey;
+    state.sessionIdText = sessionKey;
   }
-  state.StartTicks = detail::NowTicks();
-  // Only the low 32 bits, as an unsigned number: handlers have always read it so.
+  state.startTicks = detail::NowTicks();
+  // Only the low 32 bits, as an unsigned number: what handlers read.
   const std::wstring timeout = Pendrel::FormatWString(
       L"%u", static_cast<unsigned>(static_cast<unsigned long long>(taskTimeoutS)));
   // Values go out as they are: a "&" in one splits the query on the handler's side.

@@ -1,11 +1,10 @@
 #include "handler_kit/CHandlerKit.h"
 
 #include <algorithm>  // std::min
-#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <mutex>
-#include <thread>
 #include <utility>
 
 #include "json/TextConversion.h"
@@ -17,9 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-// How often Run looks at the stop flag while no message comes; the channel offers no way
-// to wake a waiting reader from another thread.
-constexpr auto kStopCheckInterval = 100ms;
+// How soon Run tries again to open a pipe whose server end is not there yet.
 constexpr auto kConnectRetryInterval = 20ms;
 // Enough of an unknown message to recognise it in the error answer.
 constexpr std::size_t kQuotedWordLimit = 64;
@@ -34,18 +31,27 @@ Pendrel::CResponse FailureAnswer(const char* what) {
 
 struct CHandlerKit::Impl {
   Pendrel::NamedPipeChannel channel;
-  std::atomic<bool> stop{false};
   mutable std::mutex mutex;
-  std::wstring lastErrorText;  // guarded by mutex
+  std::condition_variable stopped;  // notified when `stop` is set
+  bool stop = false;                // guarded by mutex; sticky
+  std::wstring lastErrorText;       // guarded by mutex
 
-  // True once connected; false on time-out or Stop.
+  bool StopRequested() const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return stop;
+  }
+
+  // True once connected; false on time-out or Stop. The library's end may appear only after
+  // the handler has started: there is nothing to wait on but the name, so it is tried again
+  // at short intervals, and Stop ends the pause at once.
   bool Connect(const std::wstring& name, std::chrono::milliseconds timeout) {
     const Clock::time_point deadline = Clock::now() + timeout;
     for (;;) {
-      if (stop) return false;
+      if (StopRequested()) return false;
       if (channel.Open(name, Pendrel::EPipeEnd::Client)) return true;
       if (Clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(kConnectRetryInterval);
+      std::unique_lock<std::mutex> lock(mutex);
+      stopped.wait_for(lock, kConnectRetryInterval, [this] { return stop; });
     }
   }
 
@@ -61,11 +67,11 @@ CHandlerKit::~CHandlerKit() = default;
 
 int CHandlerKit::Run(const CHandlerArguments& arguments) {
   Impl& impl = *m_impl;
-  if (impl.stop) return kExitPipeClosed;
+  if (impl.StopRequested()) return kExitPipeClosed;
   if (!impl.Connect(arguments.PipeName, std::chrono::milliseconds(ConnectTimeMs))) {
     impl.SetLastErrorText(impl.channel.TakeErrorText());
     impl.channel.Close();
-    return impl.stop ? kExitPipeClosed : kExitNoConnection;
+    return impl.StopRequested() ? kExitPipeClosed : kExitNoConnection;
   }
   impl.SetLastErrorText(std::wstring());
   if (OnConnected) {
@@ -75,18 +81,19 @@ int CHandlerKit::Run(const CHandlerArguments& arguments) {
       // Nothing to answer yet; the conversation goes on.
     }
   }
-  bool pipeEnded = false;
-  while (!impl.stop && !pipeEnded) {
+  // Stop interrupts the wait; the channel is interrupted after the stop flag is set, so a
+  // Stop that comes between the check and the wait still ends it.
+  bool ended = false;
+  while (!ended && !impl.StopRequested()) {
     std::string message;
-    switch (impl.channel.WaitForMessage(message, kStopCheckInterval)) {
+    switch (impl.channel.WaitForMessage(message, std::chrono::milliseconds::max())) {
       case Pendrel::EWaitResult::Message:
         Handle(message);
         break;
-      case Pendrel::EWaitResult::Error:
-        // How the library ends a handler: it closes its end of the pipe.
-        pipeEnded = true;
-        break;
+      case Pendrel::EWaitResult::Error:  // how the library ends a handler: it closes the pipe
+      case Pendrel::EWaitResult::Interrupted:
       case Pendrel::EWaitResult::TimedOut:
+        ended = true;
         break;
     }
   }
@@ -182,7 +189,15 @@ bool CHandlerKit::Post(std::string message) {
   return m_impl->channel.Post(std::move(message));
 }
 
-void CHandlerKit::Stop() { m_impl->stop = true; }
+void CHandlerKit::Stop() {
+  Impl& impl = *m_impl;
+  {
+    const std::lock_guard<std::mutex> lock(impl.mutex);
+    impl.stop = true;
+    impl.stopped.notify_all();
+  }
+  impl.channel.InterruptWaits();
+}
 
 std::wstring CHandlerKit::LastErrorText() const {
   const std::lock_guard<std::mutex> lock(m_impl->mutex);

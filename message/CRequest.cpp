@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "json/TextConversion.h"
+#include "message/detail/HttpForm.h"
 
 namespace Pendrel {
 namespace {
@@ -88,13 +89,7 @@ bool CRequest::IsCreationSession() const {
 }
 
 std::wstring CRequest::GetNextResource(std::wstring& path) {
-  if (!path.empty() && path.front() == L'/') path.erase(0, 1);
-  if (path.empty()) return std::wstring();
-  const std::size_t slash = path.find(L'/');
-  if (slash == std::wstring::npos) return std::exchange(path, std::wstring());
-  std::wstring segment = path.substr(0, slash);
-  path.erase(0, slash + 1);
-  return segment;
+  return detail::TakeResourceSegment(path);
 }
 
 }  // namespace Pendrel

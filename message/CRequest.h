@@ -85,8 +85,6 @@ class PENDREL_API CRequest {
   // Takes the first segment off the slash-separated `path` and returns it; one leading "/"
   // is dropped first.
   std::wstring GetNextResource(std::wstring& path);
-
-  friend struct CRequestTestAccess;
 };
 
 }  // namespace Pendrel

@@ -80,7 +80,7 @@ std::string CResponse::ToCommonJsonString() const {
   if (!Session.empty()) AddMember(root, "session", MakeString(Session));
   if (Progress.IsSet) AddProgress(root, Progress);
   // Appended without looking for a member of the same name: a parameter called "status"
-  // gives a second "status" member, as clients have always received it.
+  // gives a second "status" member after the first.
   for (const auto& [key, value] : Parameters) AddMember(root, key, MakeString(value));
   return Write(root);
 }

@@ -26,68 +26,54 @@ using detail::MessageAssembler;
 using detail::PacketWriter;
 using std::chrono::milliseconds;
 
-// Every text the channel reports. Hosts and handlers' operators read these in logs, so the
-// wording (including the misspelt "именнованным") is kept exactly as it has always been.
-enum class EChannelText {
-  OpenTimedOut,
-  OpenFailed,
-  NoClient,
-  Unhandled,
-  ProbeFailed,
-  ReadFailed,
-  PacketTimedOut,
-  WriteFailed,
-};
-
-struct ChannelText {
-  EChannelText id;
+// The text of each failure: a message and the format applied to it and the failure's code.
+// Hosts and handlers' operators read these in logs and match them, so they are worded
+// exactly so (the misspelt "именнованным" included). "%ls" takes the wide message the same
+// way on every platform.
+struct FailureText {
+  EChannelFailure failure;
   const wchar_t* message;
-  // Applied to the message and up to two numbers. "%ls" takes the wide message the same
-  // way on every platform.
   const wchar_t* format;
 };
 
 constexpr wchar_t kReadFailedMessage[] = L"Ошибка чтения данных через NamedPipe";
 
-constexpr ChannelText kTexts[] = {
-    {EChannelText::OpenTimedOut,
+constexpr FailureText kFailureTexts[] = {
+    {EChannelFailure::None, L"", L"%ls"},
+    {EChannelFailure::OpenTimedOut,
      L"Вышло время ожидания создания нового подключения по именнованным каналам", L"%ls"},
-    {EChannelText::OpenFailed, L"Ошибка открытия канала NamedPipe", L"%ls\n"},
-    {EChannelText::NoClient, L"Нет входящих подключений по каналу NamedPipe", L"%ls\n"},
-    {EChannelText::Unhandled, L"Необработанное исключение при создании канала NamedPipe", L"%ls\n"},
-    {EChannelText::ProbeFailed, kReadFailedMessage, L"%ls (1) #%u\n"},
-    {EChannelText::ReadFailed, kReadFailedMessage, L"%ls (2) #%u\n"},
-    {EChannelText::PacketTimedOut,
-     L"Ошибка чтения данных через NamedPipe - вышло время ожидания пакета", L"%ls: %u / %u\n"},
-    {EChannelText::WriteFailed, L"Ошибка записи данных в NamedPipe", L"%ls #%u\n"},
+    {EChannelFailure::OpenFailed, L"Ошибка открытия канала NamedPipe", L"%ls\n"},
+    {EChannelFailure::NoClient, L"Нет входящих подключений по каналу NamedPipe", L"%ls\n"},
+    {EChannelFailure::Unhandled, L"Необработанное исключение при создании канала NamedPipe",
+     L"%ls\n"},
+    {EChannelFailure::PeerGone, kReadFailedMessage, L"%ls (1) #%u\n"},
+    {EChannelFailure::ReadFailed, kReadFailedMessage, L"%ls (2) #%u\n"},
+    // The first number stands for a count that the reader never kept: always 0.
+    {EChannelFailure::PacketTimedOut,
+     L"Ошибка чтения данных через NamedPipe - вышло время ожидания пакета", L"%ls: 0 / %u\n"},
+    {EChannelFailure::WriteFailed, L"Ошибка записи данных в NamedPipe", L"%ls #%u\n"},
+    {EChannelFailure::LaunchFailed, L"Ошибка запуска обработчика", L"%ls #%u\n"},
 };
 
 constexpr bool TextsAreInEnumOrder() {
-  for (std::size_t i = 0; i < std::size(kTexts); ++i) {
-    if (static_cast<std::size_t>(kTexts[i].id) != i) return false;
+  for (std::size_t i = 0; i < std::size(kFailureTexts); ++i) {
+    if (static_cast<std::size_t>(kFailureTexts[i].failure) != i) return false;
   }
   return true;
 }
-static_assert(TextsAreInEnumOrder(), "kTexts is indexed by EChannelText");
+static_assert(TextsAreInEnumOrder(), "kFailureTexts is indexed by EChannelFailure");
 
-std::wstring MakeText(EChannelText id, std::uint32_t first = 0, std::uint32_t second = 0) {
-  const ChannelText& text = kTexts[static_cast<std::size_t>(id)];
-  // Numbers the format does not use are ignored by the formatter.
-  return FormatWString(text.format, text.message, static_cast<unsigned>(first),
-                       static_cast<unsigned>(second));
-}
-
-EChannelText TextOfFailure(ETransportFailure failure) {
+EChannelFailure FailureOfTransfer(ETransportFailure failure) {
   switch (failure) {
     case ETransportFailure::Probe:
-      return EChannelText::ProbeFailed;
+      return EChannelFailure::PeerGone;
     case ETransportFailure::Write:
-      return EChannelText::WriteFailed;
+      return EChannelFailure::WriteFailed;
     case ETransportFailure::Read:
     case ETransportFailure::None:
       break;
   }
-  return EChannelText::ReadFailed;
+  return EChannelFailure::ReadFailed;
 }
 
 static_assert(NamedPipeChannel::kHeaderSize == detail::kPacketHeaderSize);
@@ -109,155 +95,187 @@ std::size_t MaxPacketSize(std::uint32_t wirePacketSize, std::uint64_t maxMessage
 }  // namespace
 
 struct NamedPipeChannel::Impl {
+  // Fields; each applies from its next use.
   std::atomic<std::uint32_t> timeLimitMs{kDefaultTimeLimitMs};
   std::atomic<std::uint32_t> packetSize{kDefaultPacketSize};  // raised by the worker
   std::atomic<std::uint32_t> openTimeLimitMs{kDefaultOpenTimeLimitMs};
   std::atomic<std::uint64_t> maxMessageSize{kDefaultMaxMessageSize};
   std::atomic<std::uint32_t> expectedPid{0};
 
+  enum class EFlush { None, Requested, Done };
+
   mutable std::mutex mutex;
-  // Notified, under `mutex`, whenever a queue, the error text or a flag changes.
+  // Notified, under `mutex`, whenever anything below changes.
   std::condition_variable changed;
-  std::deque<std::string> sendQueue;     // guarded by mutex
-  std::deque<std::string> receiveQueue;  // guarded by mutex
-  std::wstring errorText;                // guarded by mutex
-  bool sending = false;           // guarded by mutex: a message off the queue is being written
-  bool workerRunning = false;     // guarded by mutex
-  bool connectSucceeded = false;  // guarded by mutex
-  // The transport of the open channel; Post and RequestFlush wake it under the mutex.
-  std::unique_ptr<detail::PipeTransport> transport;  // guarded by mutex
+  EChannelState state = EChannelState::Closed;  // guarded by mutex
+  CChannelFailure failure;                      // guarded by mutex
+  EFlush flush = EFlush::None;                  // guarded by mutex
+  std::deque<std::string> sendQueue;            // guarded by mutex
+  std::deque<std::string> receiveQueue;         // guarded by mutex
+  bool writing = false;      // guarded by mutex: a message off the send queue is being written
+  bool peerExited = false;   // guarded by mutex: the expected client's process has ended
+  bool interrupted = false;  // guarded by mutex: InterruptWaits was called
+  // Guarded by mutex: the worker reached Connected (it may have failed since); what
+  // WaitForConnection reports.
+  bool reachedConnected = false;
 
-  // Written under `mutex` so that waiters cannot miss a change; read anywhere.
-  std::atomic<bool> stop{false};
-  std::atomic<bool> connected{false};
-  std::atomic<bool> connecting{false};
-  std::atomic<bool> flushRequest{false};
-  std::atomic<bool> flushed{false};
-  std::atomic<bool> peerExited{false};  // the expected client's process has ended
-
-  // Set by Open before the worker starts and left alone until it has been joined.
+  // The endpoint, made by Listen or StartWorker while no worker runs and reset by Close after
+  // the worker has been joined. While a worker runs, the pointer itself does not change: the
+  // worker uses the transport without the lock, other threads only call Wake() under it.
+  std::unique_ptr<detail::PipeTransport> transport;
+  // Set by StartWorker before the worker starts and left alone until it has been joined.
   std::wstring name;
   EPipeEnd end = EPipeEnd::Server;
-  bool listening = false;  // the server endpoint was made by Listen on the owner's thread
-  // Made by Listen and waiting for WaitForConnection to hand it to the worker.
-  std::unique_ptr<detail::PipeTransport> pendingEndpoint;  // guarded by mutex
-  std::wstring listeningName;                              // guarded by mutex
-  detail::PipeTransport* workerTransport = nullptr;
   std::thread worker;
 
+  // Worker.
   void RunWorker() noexcept;
   bool WaitForClient();
-  bool FailConnecting(EChannelText text);
+  bool AcceptClient(detail::PipeTransport& pipe);
   void Exchange();
-  // Ends the exchange: whoever sees the error text also sees the channel disconnected.
-  void Fail(std::wstring text) {
+  bool TakeNextMessage(PacketWriter& writer);
+  void ReportFlush();
+  void Deliver(std::string message);
+  void MessageWritten();
+
+  // Sets the failure and moves to Failed (unless Close has already told the worker to end);
+  // whoever sees the failure sees the channel disconnected. Returns false for the callers'
+  // convenience.
+  bool Fail(EChannelFailure kind, std::uint32_t code = 0) {
     const std::lock_guard<std::mutex> lock(mutex);
-    errorText = std::move(text);
-    connected = false;
+    FailLocked({kind, code});
+    return false;
+  }
+  void FailLocked(CChannelFailure what) {
+    failure = what;
+    if (state != EChannelState::Stopping) state = EChannelState::Failed;
     changed.notify_all();
+  }
+  void SetStateLocked(EChannelState next) {
+    state = next;
+    changed.notify_all();
+  }
+  bool WorkerRunningLocked() const {
+    return state == EChannelState::Opening || state == EChannelState::Connected ||
+           state == EChannelState::Draining || state == EChannelState::Stopping;
+  }
+  // Makes the worker's current or next wait return. Called under `mutex`.
+  void WakeWorkerLocked() {
+    if (transport) transport->Wake();
   }
 };
 
 void NamedPipeChannel::Impl::RunWorker() noexcept {
-  // Nothing may leave the thread: every failure becomes the error text.
+  // Nothing may leave the thread: every failure becomes the channel's failure.
   try {
     if (WaitForClient()) Exchange();
   } catch (...) {
-    try {
-      std::wstring text = MakeText(EChannelText::Unhandled);
-      const std::lock_guard<std::mutex> lock(mutex);
-      errorText = std::move(text);
-    } catch (...) {
-      // Out of memory even for the text: the stop flag below still tells the owner.
-    }
-    const std::lock_guard<std::mutex> lock(mutex);
-    stop = true;
+    Fail(EChannelFailure::Unhandled);
   }
   // The peer learns at once that nobody reads or writes any more.
-  workerTransport->Disconnect();
+  transport->Disconnect();
   const std::lock_guard<std::mutex> lock(mutex);
-  connected = false;
-  connecting = false;
-  sending = false;
-  workerRunning = false;
+  writing = false;
+  // A worker that ended without a failure was told to (Stopping); one that failed is Failed.
+  if (state != EChannelState::Failed) state = EChannelState::Stopping;
   changed.notify_all();
-}
-
-bool NamedPipeChannel::Impl::FailConnecting(EChannelText text) {
-  std::wstring message = MakeText(text);
-  const std::lock_guard<std::mutex> lock(mutex);
-  errorText = std::move(message);
-  stop = true;
-  connecting = false;
-  changed.notify_all();
-  return false;
 }
 
 bool NamedPipeChannel::Impl::WaitForClient() {
-  detail::PipeTransport& pipe = *workerTransport;
+  detail::PipeTransport& pipe = *transport;
   if (end == EPipeEnd::Server) {
-    if (!listening && pipe.Listen(name) != 0) return FailConnecting(EChannelText::OpenFailed);
-    const Deadline deadline = Clock::now() + milliseconds(timeLimitMs.load());
-    for (bool accepted = false; !accepted;) {
-      // Close sets the stop flag to end the wait; that is reported like a time-out.
-      if (stop) return FailConnecting(EChannelText::NoClient);
-      // Once the client's process is known to have ended, one last look without waiting:
-      // a client that connected just before it ended is still taken.
-      const bool ended = peerExited;
-      std::uint32_t error = 0;
-      switch (pipe.Accept(expectedPid.load(), ended ? Clock::now() : deadline, error)) {
-        case detail::EAcceptResult::Connected:
-          accepted = true;
-          break;
-        case detail::EAcceptResult::Woken:
-          break;
-        case detail::EAcceptResult::TimedOut:
-        case detail::EAcceptResult::Failed:
-          return FailConnecting(EChannelText::NoClient);
-      }
-    }
-  } else if (pipe.Connect(name) != 0) {
-    return FailConnecting(EChannelText::OpenFailed);
+    if (!AcceptClient(pipe)) return false;
+  } else if (const std::uint32_t error = pipe.Connect(name); error != 0) {
+    return Fail(EChannelFailure::OpenFailed, error);
   }
   const std::lock_guard<std::mutex> lock(mutex);
-  connected = true;
-  connectSucceeded = true;
-  connecting = false;
-  changed.notify_all();
+  if (state != EChannelState::Opening) return false;  // Close came first
+  reachedConnected = true;
+  SetStateLocked(EChannelState::Connected);
   return true;
 }
 
+bool NamedPipeChannel::Impl::AcceptClient(detail::PipeTransport& pipe) {
+  const Deadline deadline = Clock::now() + milliseconds(timeLimitMs.load());
+  for (;;) {
+    bool ended = false;
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      // Close ends the wait; that is reported like a time-out.
+      if (state != EChannelState::Opening) {
+        FailLocked({EChannelFailure::NoClient, 0});
+        return false;
+      }
+      ended = peerExited;
+    }
+    // Once the client's process is known to have ended, one last look without waiting: a
+    // client that connected just before it ended is still taken.
+    std::uint32_t error = 0;
+    switch (pipe.Accept(expectedPid.load(), ended ? Clock::now() : deadline, error)) {
+      case detail::EAcceptResult::Connected:
+        return true;
+      case detail::EAcceptResult::Woken:
+        break;
+      case detail::EAcceptResult::TimedOut:
+      case detail::EAcceptResult::Failed:
+        return Fail(EChannelFailure::NoClient);
+    }
+  }
+}
+
+// Takes the next queued message into `writer`; false when there is none.
+bool NamedPipeChannel::Impl::TakeNextMessage(PacketWriter& writer) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (sendQueue.empty()) return false;
+  writer.Begin(std::move(sendQueue.front()), WirePacketSize(packetSize));
+  sendQueue.pop_front();
+  writing = true;
+  return true;
+}
+
+// Flushed means: everything posted before the request has been written whole.
+void NamedPipeChannel::Impl::ReportFlush() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (flush != EFlush::Requested) return;
+  flush = EFlush::Done;
+  changed.notify_all();
+}
+
+void NamedPipeChannel::Impl::Deliver(std::string message) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  receiveQueue.push_back(std::move(message));
+  changed.notify_all();
+}
+
+void NamedPipeChannel::Impl::MessageWritten() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  writing = false;
+  changed.notify_all();
+}
+
 // Reads and writes at the same time, so that two ends that both send large messages cannot
-// block each other; one message is written at a time, packet after packet.
+// block each other; one message is written at a time, packet after packet. Returns when
+// Close tells it to or a transfer fails (the failure set).
 void NamedPipeChannel::Impl::Exchange() {
-  detail::PipeTransport& pipe = *workerTransport;
+  detail::PipeTransport& pipe = *transport;
   const bool server = end == EPipeEnd::Server;
   PacketWriter writer;
   MessageAssembler assembler;
   Clock::time_point lastPacket{};
   Deadline packetDeadline = Deadline::max();
 
-  while (!stop) {
-    const milliseconds limit(timeLimitMs.load());
-    if (!writer.Active()) {
+  for (;;) {
+    {
       const std::lock_guard<std::mutex> lock(mutex);
-      if (!sendQueue.empty()) {
-        writer.Begin(std::move(sendQueue.front()), WirePacketSize(packetSize));
-        sendQueue.pop_front();
-        sending = true;
-      }
+      if (state == EChannelState::Stopping) return;
     }
+    const milliseconds limit(timeLimitMs.load());
+    if (!writer.Active()) TakeNextMessage(writer);
     if (writer.Active() && !pipe.Sending()) {
       pipe.Send(writer.CurrentPacket());
       packetDeadline = Clock::now() + limit;
     }
-    // Flushed means: everything posted before the request has been written whole.
-    if (flushRequest && !writer.Active()) {
-      const std::lock_guard<std::mutex> lock(mutex);
-      flushRequest = false;
-      flushed = true;
-      changed.notify_all();
-    }
+    if (!writer.Active()) ReportFlush();
 
     Deadline deadline = Deadline::max();
     // A gap of more than the limit fails, so the wait runs just past it.
@@ -277,37 +295,33 @@ void NamedPipeChannel::Impl::Exchange() {
       }
       lastPacket = Clock::now();
       switch (assembler.Add(packet, WirePacketSize(packetSize), maxMessageSize)) {
-        case MessageAssembler::EStep::Complete: {
-          std::string message = assembler.TakeMessage();
-          const std::lock_guard<std::mutex> lock(mutex);
-          receiveQueue.push_back(std::move(message));
-          changed.notify_all();
+        case MessageAssembler::EStep::Complete:
+          Deliver(assembler.TakeMessage());
           break;
-        }
         case MessageAssembler::EStep::Partial:
           break;
         case MessageAssembler::EStep::Invalid:
-          return Fail(MakeText(EChannelText::ReadFailed, detail::kInvalidDataCode));
+          Fail(EChannelFailure::ReadFailed, detail::kInvalidDataCode);
+          return;
         case MessageAssembler::EStep::TooLarge:
-          return Fail(MakeText(EChannelText::ReadFailed, detail::kTooLargeCode));
+          Fail(EChannelFailure::ReadFailed, detail::kTooLargeCode);
+          return;
       }
     }
     if (events.failure != ETransportFailure::None) {
-      return Fail(MakeText(TextOfFailure(events.failure), events.code));
+      Fail(FailureOfTransfer(events.failure), events.code);
+      return;
     }
-    if (events.sent && writer.PacketSent()) {
-      const std::lock_guard<std::mutex> lock(mutex);
-      sending = false;
-      changed.notify_all();
-    }
+    if (events.sent && writer.PacketSent()) MessageWritten();
 
     const Clock::time_point now = Clock::now();
     if (assembler.InMessage() && now - lastPacket > limit) {
-      // The first number has always been 0; readers of old logs expect it.
-      return Fail(MakeText(EChannelText::PacketTimedOut, 0, assembler.Remaining()));
+      Fail(EChannelFailure::PacketTimedOut, assembler.Remaining());
+      return;
     }
     if (pipe.Sending() && now >= packetDeadline) {
-      return Fail(MakeText(EChannelText::WriteFailed, detail::kTimedOutCode));
+      Fail(EChannelFailure::WriteFailed, detail::kTimedOutCode);
+      return;
     }
   }
 }
@@ -318,75 +332,73 @@ NamedPipeChannel::~NamedPipeChannel() { Close(); }
 
 bool NamedPipeChannel::Open(const std::wstring& name, EPipeEnd end) {
   if (end == EPipeEnd::Server) return Listen(name) && WaitForConnection();
-  return StartWorker(name, end, nullptr) && WaitForConnection();
+  return StartWorker(name, end) && WaitForConnection();
 }
 
 bool NamedPipeChannel::Listen(const std::wstring& name) {
   Impl& impl = *m_impl;
+  // A channel that is open is closed first; messages posted before any Open stay queued.
   if (impl.worker.joinable()) Close();
   auto transport = std::make_unique<detail::PipeTransport>();
   // The endpoint exists before this returns, so a client started afterwards finds it; it is
   // accepted only once WaitForConnection runs, by then with the expected process id known.
-  const bool made = transport->Listen(name) == 0;
+  const std::uint32_t error = transport->Listen(name);
   const std::lock_guard<std::mutex> lock(impl.mutex);
-  impl.errorText = made ? std::wstring() : MakeText(EChannelText::OpenFailed);
+  impl.failure = {};
   impl.peerExited = false;
-  impl.listeningName = name;
-  impl.pendingEndpoint = made ? std::move(transport) : nullptr;
-  return made;
+  impl.name = name;
+  impl.end = EPipeEnd::Server;
+  impl.transport.reset();  // an endpoint of an earlier Listen
+  if (error != 0) {
+    impl.FailLocked({EChannelFailure::OpenFailed, error});
+    return false;
+  }
+  impl.transport = std::move(transport);
+  impl.SetStateLocked(EChannelState::Listening);
+  return true;
 }
 
-bool NamedPipeChannel::StartWorker(const std::wstring& name, EPipeEnd end,
-                                   std::unique_ptr<detail::PipeTransport> listening) {
+// Starts the worker on the server endpoint that Listen made, or on a new client end.
+bool NamedPipeChannel::StartWorker(const std::wstring& name, EPipeEnd end) {
   Impl& impl = *m_impl;
-  if (impl.worker.joinable()) Close();
-  const bool alreadyListening = listening != nullptr;
-  auto transport =
-      alreadyListening ? std::move(listening) : std::make_unique<detail::PipeTransport>();
+  if (end == EPipeEnd::Client && impl.worker.joinable()) Close();
+  auto client = end == EPipeEnd::Client ? std::make_unique<detail::PipeTransport>() : nullptr;
   {
     const std::lock_guard<std::mutex> lock(impl.mutex);
-    impl.errorText.clear();
+    impl.failure = {};
     impl.name = name;
     impl.end = end;
-    impl.listening = alreadyListening;
-    impl.stop = false;
-    impl.connected = false;
-    impl.connecting = true;
-    impl.flushRequest = false;
-    impl.flushed = false;
-    impl.sending = false;
-    impl.connectSucceeded = false;
-    impl.workerRunning = true;
-    impl.workerTransport = transport.get();
-    impl.transport = std::move(transport);
+    impl.flush = Impl::EFlush::None;
+    impl.writing = false;
+    impl.reachedConnected = false;
+    if (client) impl.transport = std::move(client);
+    impl.SetStateLocked(EChannelState::Opening);
   }
   try {
     impl.worker = std::thread([&impl] { impl.RunWorker(); });
   } catch (const std::system_error&) {
-    impl.FailConnecting(EChannelText::OpenFailed);
-    const std::lock_guard<std::mutex> lock(impl.mutex);
-    impl.workerRunning = false;
-    return false;
+    return impl.Fail(EChannelFailure::OpenFailed);
   }
   return true;
 }
 
 bool NamedPipeChannel::WaitForConnection() {
   Impl& impl = *m_impl;
-  std::unique_ptr<detail::PipeTransport> listening;
+  EChannelState state;
   {
     const std::lock_guard<std::mutex> lock(impl.mutex);
-    listening = std::move(impl.pendingEndpoint);
+    state = impl.state;
   }
-  if (listening && !StartWorker(impl.listeningName, EPipeEnd::Server, std::move(listening))) {
+  if (state == EChannelState::Listening && !StartWorker(impl.name, EPipeEnd::Server)) {
     return false;
   }
   std::unique_lock<std::mutex> lock(impl.mutex);
   if (impl.changed.wait_for(lock, milliseconds(impl.openTimeLimitMs.load()),
-                            [&impl] { return !impl.connecting; })) {
-    return impl.connectSucceeded;
+                            [&impl] { return impl.state != EChannelState::Opening; })) {
+    return impl.reachedConnected;
   }
-  impl.errorText = MakeText(EChannelText::OpenTimedOut);
+  // The worker goes on waiting for its client up to its own time limit.
+  impl.failure = {EChannelFailure::OpenTimedOut, 0};
   impl.changed.notify_all();
   return false;
 }
@@ -395,7 +407,7 @@ void NamedPipeChannel::NotifyPeerExited() {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.peerExited = true;
-  if (impl.transport) impl.transport->Wake();
+  impl.WakeWorkerLocked();
 }
 
 void NamedPipeChannel::Close() {
@@ -403,31 +415,31 @@ void NamedPipeChannel::Close() {
   if (impl.worker.joinable()) {
     {
       std::unique_lock<std::mutex> lock(impl.mutex);
-      impl.changed.wait_for(lock, milliseconds(impl.timeLimitMs.load()), [&impl] {
-        return !impl.connected || impl.stop || (impl.sendQueue.empty() && !impl.sending) ||
-               !impl.errorText.empty();
-      });
-      impl.stop = true;
-      impl.transport->Wake();
+      if (impl.state == EChannelState::Connected) {
+        impl.SetStateLocked(EChannelState::Draining);
+        impl.changed.wait_for(lock, milliseconds(impl.timeLimitMs.load()), [&impl] {
+          return impl.state != EChannelState::Draining || (impl.sendQueue.empty() && !impl.writing);
+        });
+      }
+      if (impl.state != EChannelState::Failed) impl.SetStateLocked(EChannelState::Stopping);
+      impl.WakeWorkerLocked();
     }
     impl.worker.join();
   }
   const std::lock_guard<std::mutex> lock(impl.mutex);
-  impl.pendingEndpoint.reset();
   impl.transport.reset();
-  impl.workerTransport = nullptr;
   impl.sendQueue.clear();
   impl.receiveQueue.clear();
-  impl.sending = false;
-  impl.connecting = false;
-  impl.changed.notify_all();
+  impl.writing = false;
+  impl.interrupted = false;
+  impl.SetStateLocked(EChannelState::Closed);
 }
 
 bool NamedPipeChannel::Post(std::string message) {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.sendQueue.push_back(std::move(message));
-  if (impl.transport) impl.transport->Wake();
+  impl.WakeWorkerLocked();
   return true;
 }
 
@@ -458,55 +470,106 @@ bool NamedPipeChannel::WaitUntilNothingReceived(milliseconds timeout) {
 
 EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds timeout) {
   Impl& impl = *m_impl;
-  const Deadline deadline = Clock::now() + timeout;
+  const bool unlimited = timeout == milliseconds::max();
+  const Deadline deadline = unlimited ? Deadline::max() : Clock::now() + timeout;
   std::unique_lock<std::mutex> lock(impl.mutex);
   for (;;) {
+    if (impl.interrupted) return EWaitResult::Interrupted;
     if (!impl.receiveQueue.empty()) {
       message = std::move(impl.receiveQueue.front());
       impl.receiveQueue.pop_front();
       impl.changed.notify_all();
       return EWaitResult::Message;
     }
-    if (!impl.errorText.empty()) return EWaitResult::Error;
+    if (impl.failure.Failure != EChannelFailure::None) return EWaitResult::Error;
+    if (unlimited) {
+      impl.changed.wait(lock);
+      continue;
+    }
     if (Clock::now() >= deadline) return EWaitResult::TimedOut;
     impl.changed.wait_until(lock, deadline);
   }
 }
 
+void NamedPipeChannel::InterruptWaits() {
+  Impl& impl = *m_impl;
+  const std::lock_guard<std::mutex> lock(impl.mutex);
+  impl.interrupted = true;
+  impl.changed.notify_all();
+}
+
 bool NamedPipeChannel::HasError() const {
   const std::lock_guard<std::mutex> lock(m_impl->mutex);
-  return !m_impl->errorText.empty();
+  return m_impl->failure.Failure != EChannelFailure::None;
 }
 
-std::wstring NamedPipeChannel::ErrorText() const {
+CChannelFailure NamedPipeChannel::Failure() const {
   const std::lock_guard<std::mutex> lock(m_impl->mutex);
-  return m_impl->errorText;
+  return m_impl->failure;
 }
+
+std::wstring NamedPipeChannel::ErrorText() const { return TextOf(Failure()); }
 
 std::wstring NamedPipeChannel::TakeErrorText() {
-  const std::lock_guard<std::mutex> lock(m_impl->mutex);
-  return std::exchange(m_impl->errorText, std::wstring());
+  std::wstring text;
+  TakeFailure(text);
+  return text;
 }
 
-bool NamedPipeChannel::IsConnected() const { return m_impl->connected; }
-bool NamedPipeChannel::IsConnecting() const { return m_impl->connecting; }
-bool NamedPipeChannel::IsStopRequested() const { return m_impl->stop; }
-bool NamedPipeChannel::IsFlushRequested() const { return m_impl->flushRequest; }
-bool NamedPipeChannel::IsFlushed() const { return m_impl->flushed; }
+CChannelFailure NamedPipeChannel::TakeFailure(std::wstring& text) {
+  CChannelFailure failure;
+  {
+    const std::lock_guard<std::mutex> lock(m_impl->mutex);
+    failure = std::exchange(m_impl->failure, CChannelFailure());
+  }
+  text = TextOf(failure);
+  return failure;
+}
+
+std::wstring NamedPipeChannel::TextOf(const CChannelFailure& failure) {
+  const auto index = static_cast<std::size_t>(failure.Failure);
+  if (index >= std::size(kFailureTexts)) return std::wstring();
+  const FailureText& text = kFailureTexts[index];
+  // A code the format does not use is ignored by the formatter.
+  return FormatWString(text.format, text.message, static_cast<unsigned>(failure.Code));
+}
+
+EChannelState NamedPipeChannel::State() const {
+  const std::lock_guard<std::mutex> lock(m_impl->mutex);
+  return m_impl->state;
+}
+
+bool NamedPipeChannel::IsConnected() const {
+  const EChannelState state = State();
+  return state == EChannelState::Connected || state == EChannelState::Draining;
+}
+
+bool NamedPipeChannel::IsConnecting() const { return State() == EChannelState::Opening; }
+
+bool NamedPipeChannel::IsFlushRequested() const {
+  const std::lock_guard<std::mutex> lock(m_impl->mutex);
+  return m_impl->flush == Impl::EFlush::Requested;
+}
+
+bool NamedPipeChannel::IsFlushed() const {
+  const std::lock_guard<std::mutex> lock(m_impl->mutex);
+  return m_impl->flush == Impl::EFlush::Done;
+}
 
 void NamedPipeChannel::RequestFlush() {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
-  impl.flushed = false;
-  impl.flushRequest = true;
-  if (impl.transport) impl.transport->Wake();
+  impl.flush = Impl::EFlush::Requested;
+  impl.WakeWorkerLocked();
 }
 
 bool NamedPipeChannel::WaitForFlush(milliseconds timeout) {
   Impl& impl = *m_impl;
   std::unique_lock<std::mutex> lock(impl.mutex);
-  impl.changed.wait_for(lock, timeout, [&impl] { return impl.flushed || !impl.workerRunning; });
-  return impl.flushed;
+  impl.changed.wait_for(lock, timeout, [&impl] {
+    return impl.flush == Impl::EFlush::Done || !impl.WorkerRunningLocked();
+  });
+  return impl.flush == Impl::EFlush::Done;
 }
 
 std::uint32_t NamedPipeChannel::TimeLimitMs() const { return m_impl->timeLimitMs; }

@@ -9,8 +9,10 @@
 // puts received packets back together. The worker sleeps in the operating system until data
 // arrives, a packet has gone out, or a caller posts, asks for a flush or closes.
 //
-// Failures are reported by the error text alone (wide, Russian, worded for the host's logs);
-// the worker then ends and nothing moves any more. Messages posted afterwards stay queued.
+// The channel is in one state at a time (EChannelState). Failures are reported by a failure
+// code (ChannelFailure.h) and the error text made from it (wide, Russian, worded for the
+// host's logs); the worker then ends and nothing moves any more. Messages posted afterwards
+// stay queued.
 //
 // Thread rules: Open and Close (and the destructor) are called by the owner, never at the
 // same time as each other. Everything else may be called from any thread at any time.
@@ -22,6 +24,9 @@
 #include <memory>
 #include <string>
 
+#include "pipe/ChannelFailure.h"
+#include "protocol/HandlerProtocol.h"
+
 namespace Pendrel {
 
 namespace detail {
@@ -31,21 +36,37 @@ class PipeTransport;
 // Which end of the pipe a channel opens.
 enum class EPipeEnd { Server, Client };
 
+// Where a channel is. Closed → Listening (server end, Listen) → Opening (the worker waits
+// for its client, or opens the client end) → Connected → Draining (Close gives queued
+// messages their time) → Stopping (Close told the worker to end) → Closed. A failure in
+// Listen, Opening, Connected or Draining leads to Failed, where the worker has ended and the
+// failure is set; Close leads from every state to Closed.
+enum class EChannelState {
+  Closed,
+  Listening,
+  Opening,
+  Connected,
+  Draining,
+  Stopping,
+  Failed,
+};
+
 // What WaitForMessage found, checked in this order.
 enum class EWaitResult {
-  Message,   // a message was taken off the receive queue
-  Error,     // the error text is set (it is left for the caller to read and clear)
-  TimedOut,  // neither came before the time-out
+  Interrupted,  // InterruptWaits was called (since the last Close)
+  Message,      // a message was taken off the receive queue
+  Error,        // the failure is set (it is left for the caller to read and clear)
+  TimedOut,     // none of these came before the time-out
 };
 
 class NamedPipeChannel {
  public:
   static constexpr std::uint32_t kDefaultTimeLimitMs = 60000;
-  static constexpr std::uint32_t kDefaultPacketSize = 32768;
-  static constexpr std::uint32_t kDefaultOpenTimeLimitMs = 10000;
+  static constexpr std::uint32_t kDefaultPacketSize = protocol::kPacketSize;
+  static constexpr std::uint32_t kDefaultOpenTimeLimitMs = protocol::kConnectTimeLimitMs;
   static constexpr std::uint64_t kDefaultMaxMessageSize = std::uint64_t{1} << 30;
-  static constexpr std::uint32_t kMinPacketSize = 128;
-  static constexpr std::uint32_t kHeaderSize = 8;
+  static constexpr std::uint32_t kMinPacketSize = protocol::kMinPacketSize;
+  static constexpr std::uint32_t kHeaderSize = protocol::kPacketHeaderSize;
 
   NamedPipeChannel();
   // Closes the channel (see Close).
@@ -55,7 +76,7 @@ class NamedPipeChannel {
 
   // Opens the end `end` of the pipe `name` (the bare name: \\.\pipe\<name> on Windows, a
   // socket in a private folder on Linux) and starts the worker. A channel that is open is
-  // closed first. The error text is cleared. Returns true once the worker is connected;
+  // closed first. The failure is cleared. Returns true once the worker is connected;
   // false when the worker could not create or open the pipe, when no client came within the
   // worker's own time limit, or when OpenTimeLimitMs() (10000 ms) passed first. In the
   // last case the error text is "Вышло время ожидания создания нового подключения по
@@ -76,10 +97,10 @@ class NamedPipeChannel {
   // connected channel learns of a peer's end from the pipe itself. Any thread.
   void NotifyPeerExited();
 
-  // While the worker is connected and neither stopped nor failed, gives queued outgoing
-  // messages up to TimeLimitMs() to go out whole; then stops and joins the worker, closes
-  // the pipe and drops the messages left in both queues. The error text stays. Safe to call
-  // on a channel that is not open.
+  // While the worker is connected and has not failed (Draining), gives queued outgoing
+  // messages up to TimeLimitMs() to go out whole; then stops and joins the worker
+  // (Stopping), closes the pipe and drops the messages left in both queues (Closed). The
+  // failure stays; InterruptWaits is undone. Safe to call in every state.
   void Close();
 
   // Appends `message` to the send queue and wakes the worker. Always returns true; the
@@ -94,20 +115,29 @@ class NamedPipeChannel {
   // Blocks until the receive queue is empty (someone took what was there) or `timeout`
   // passes; returns whether it is empty.
   bool WaitUntilNothingReceived(std::chrono::milliseconds timeout);
-  // Blocks until a message can be taken (it is, into `message`), the error text is set, or
-  // `timeout` passes, and says which came first in that order of checks.
+  // Blocks until InterruptWaits has been called, a message can be taken (it is, into
+  // `message`), the failure is set, or `timeout` passes, and says which came first in that
+  // order of checks. A `timeout` of milliseconds::max() waits without limit.
   EWaitResult WaitForMessage(std::string& message, std::chrono::milliseconds timeout);
+  // Makes every current and later WaitForMessage return Interrupted at once, until Close.
+  // For an owner that stops reading from another thread. Any thread.
+  void InterruptWaits();
 
-  // Error text: empty while all is well; set by the worker, or by Open on its time-out.
+  // The failure: None while all is well; set by the worker, by Listen, or by Open on its
+  // time-out. The error text is the failure's text ("" for None).
   bool HasError() const;
+  CChannelFailure Failure() const;
   std::wstring ErrorText() const;
-  // Returns the error text and clears it.
+  // Returns the error text and clears the failure.
   std::wstring TakeErrorText();
+  // Returns the failure with its text, and clears it.
+  CChannelFailure TakeFailure(std::wstring& text);
+  // The text a failure is reported with.
+  static std::wstring TextOf(const CChannelFailure& failure);
 
-  // Flags of the worker.
-  bool IsConnected() const;      // from a successful connection until the worker ends
-  bool IsConnecting() const;     // from Open until the connection phase ends either way
-  bool IsStopRequested() const;  // set by Close, and by the worker when connecting fails
+  EChannelState State() const;
+  bool IsConnected() const;   // Connected or Draining
+  bool IsConnecting() const;  // Opening
   bool IsFlushRequested() const;
   bool IsFlushed() const;
 
@@ -139,8 +169,7 @@ class NamedPipeChannel {
   void SetExpectedPeerProcessId(std::uint32_t processId);
 
  private:
-  bool StartWorker(const std::wstring& name, EPipeEnd end,
-                   std::unique_ptr<detail::PipeTransport> listening);
+  bool StartWorker(const std::wstring& name, EPipeEnd end);
 
   struct Impl;
   std::unique_ptr<Impl> m_impl;

@@ -1,11 +1,7 @@
 #include "handler/detail/CommandLine.h"
 
 #include <cstdint>
-#include <deque>
-#include <iterator>  // std::make_move_iterator
-#include <mutex>
 
-#include "handler/detail/TestSeams.h"
 #include "json/TextConversion.h"
 #include "message/detail/Random.h"
 #include "protocol/HandlerProtocol.h"
@@ -77,27 +73,7 @@ std::vector<std::wstring> SplitArguments(const std::wstring& text) {
   return arguments;
 }
 
-namespace {
-
-std::mutex g_nextNamesMutex;
-std::deque<std::wstring> g_nextNames;  // guarded by g_nextNamesMutex
-
-}  // namespace
-
-void SetNextPipeNames(std::vector<std::wstring> names) {
-  const std::lock_guard<std::mutex> lock(g_nextNamesMutex);
-  g_nextNames.assign(std::make_move_iterator(names.begin()), std::make_move_iterator(names.end()));
-}
-
 std::wstring MakePipeName() {
-  {
-    const std::lock_guard<std::mutex> lock(g_nextNamesMutex);
-    if (!g_nextNames.empty()) {
-      std::wstring name = std::move(g_nextNames.front());
-      g_nextNames.pop_front();
-      return name;
-    }
-  }
   const std::uint64_t bits = Pendrel::detail::RandomBits();
   const auto first = static_cast<unsigned>(bits & 0x7FFF);
   const auto second = static_cast<unsigned>((bits >> 16) & 0x7FFF);

@@ -19,9 +19,10 @@ namespace detail {
 // copies, and closed by the last of them.
 struct Connection {
   Pendrel::NamedPipeChannel channel;
-  // Made by a successful Start; keeps one exchange in flight, so answers match requests by
-  // order alone.
-  std::unique_ptr<std::mutex> requestLock;
+  // Keeps one exchange in flight, so answers match requests by order alone.
+  std::mutex requestLock;
+  // Set once Start has seen the handler connect: exchanges need a started handler.
+  std::atomic<bool> started{false};
   // Declared last, so that its exit watch ends before the channel it notifies goes.
   ChildProcess child;
 };
@@ -38,28 +39,41 @@ inline std::uint64_t NowTicks() {
 struct CHandler::State {
   std::atomic<std::int32_t> lastError{Ok};
   std::shared_ptr<detail::Connection> connection;
-  std::atomic<std::int32_t> ModeValue{0};
-  std::atomic<std::uint64_t> StartTicks{detail::NowTicks()};
+  std::atomic<std::int32_t> modeValue{0};
+  std::atomic<std::uint64_t> startTicks{detail::NowTicks()};
 
-  mutable std::mutex textMutex;  // guards the two texts below
-  std::wstring SessionIdText;
-  std::wstring ResponseErrorMessage;
+  mutable std::mutex textMutex;  // guards the four fields below
+  std::wstring sessionIdText;
+  std::wstring responseErrorMessage;
+  Pendrel::CChannelFailure channelFailure;  // what responseErrorMessage reports
+  std::wstring logFolder;                   // HandlerSettings::logFolder, taken by Start
 
   State() = default;
   State(const State& other)
       : lastError(other.lastError.load()),
         connection(other.connection),
-        ModeValue(other.ModeValue.load()),
-        StartTicks(other.StartTicks.load()) {
+        modeValue(other.modeValue.load()),
+        startTicks(other.startTicks.load()) {
     const std::lock_guard<std::mutex> lock(other.textMutex);
-    SessionIdText = other.SessionIdText;
-    ResponseErrorMessage = other.ResponseErrorMessage;
+    sessionIdText = other.sessionIdText;
+    responseErrorMessage = other.responseErrorMessage;
+    channelFailure = other.channelFailure;
+    logFolder = other.logFolder;
   }
 
   void Fail(EErrorCode code) { lastError = code; }
-  void SetErrorMessage(std::wstring text) {
+  void SetLogFolder(std::wstring folder) {
     const std::lock_guard<std::mutex> lock(textMutex);
-    ResponseErrorMessage = std::move(text);
+    logFolder = std::move(folder);
+  }
+  // Records a failure of the pipe with the text it is reported by.
+  void SetChannelFailure(const Pendrel::CChannelFailure& failure, std::wstring text) {
+    const std::lock_guard<std::mutex> lock(textMutex);
+    channelFailure = failure;
+    responseErrorMessage = std::move(text);
+  }
+  void SetChannelFailure(const Pendrel::CChannelFailure& failure) {
+    SetChannelFailure(failure, Pendrel::NamedPipeChannel::TextOf(failure));
   }
 };
 

@@ -1,5 +1,7 @@
 #include "message/detail/HttpForm.h"
 
+#include <utility>  // std::exchange
+
 #include <cstdint>
 #include <string_view>
 
@@ -26,7 +28,7 @@ void AppendQuotedParameter(std::string& out, std::string_view parameter,
 void AppendSingleFileHeader(const CMimeFile& file, std::string& header) {
   header = "Content-Type: ";
   header += GetMimeTypeName(file.Type);
-  // Only JSON and plain text carry a charset; CSV has never had one.
+  // Only JSON and plain text carry a charset; CSV goes without one.
   if (file.Type == Json || file.Type == Text) header += "; charset=utf-8";
   AppendQuotedParameter(header, "; name=\"", file.Name);
   header += "\nContent-Disposition: inline";
@@ -91,6 +93,16 @@ void WriteFilesHttpForm(const std::vector<CMimeFile>& files, std::string& header
   } else {
     WriteMultipart(files, header, body);
   }
+}
+
+std::wstring TakeResourceSegment(std::wstring& path) {
+  if (!path.empty() && path.front() == L'/') path.erase(0, 1);
+  if (path.empty()) return std::wstring();
+  const std::size_t slash = path.find(L'/');
+  if (slash == std::wstring::npos) return std::exchange(path, std::wstring());
+  std::wstring segment = path.substr(0, slash);
+  path.erase(0, slash + 1);
+  return segment;
 }
 
 }  // namespace Pendrel::detail

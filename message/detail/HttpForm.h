@@ -9,6 +9,10 @@
 
 namespace Pendrel::detail {
 
+// Takes the first segment off the slash-separated resource `path` and returns it; one
+// leading "/" is dropped first. Empty, with `path` empty, when nothing is left.
+std::wstring TakeResourceSegment(std::wstring& path);
+
 // Header of a body that is JSON text (or no body at all).
 inline constexpr char kJsonHttpHeader[] =
     "Content-Type: application/json; charset=utf-8\nContent-Disposition: inline";

@@ -16,20 +16,13 @@
 #include <thread>
 #include <vector>
 
-#include "handler/detail/TestSeams.h"
+#include "handler/detail/HandlerSettings.h"
+#include "handler/detail/LogWriter.h"
 #include "json/TextConversion.h"
 #include "tests/handler/test_handler/TestHandler.h"
 #include "tests/support/TempDir.h"
 
 namespace CTolvane {
-
-// Reaches the private transaction log.
-struct CHandlerTestAccess {
-  static void Log(CHandler& handler, const std::string& request, const std::string& response) {
-    handler.LogTransaction(request, response);
-  }
-};
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -39,10 +32,15 @@ using pendrel_test::TempDir;
 using pendrel_test::TestHandlerPath;
 using pendrel_test::WaitForRecordedMessages;
 
-const std::wstring kNoClient = L"Нет входящих подключений по каналу NamedPipe\n";
-const std::wstring kOpenTimedOut =
-    L"Вышло время ожидания создания нового подключения по именнованным каналам";
-const std::wstring kReadFailed = L"Ошибка чтения данных через NamedPipe";
+using Pendrel::CChannelFailure;
+using Pendrel::EChannelFailure;
+
+// The handler's failure code, and its text is the one the channel makes of it.
+CChannelFailure FailureOf(CHandler& handler) {
+  const CChannelFailure failure = handler.GetChannelFailure();
+  EXPECT_EQ(handler.GetResponseErrorMessage(), Pendrel::NamedPipeChannel::TextOf(failure));
+  return failure;
+}
 
 std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
 
@@ -107,6 +105,8 @@ TEST(HandlerStart, MissingProgramFailsAtOnce) {
   EXPECT_LT(Clock::now() - start, 5s);
   EXPECT_EQ(handler.LastError(), StartFailed);
   EXPECT_EQ(handler.GetResponseErrorMessage(), L"Ошибка запуска обработчика #2\n");
+  // ENOENT and ERROR_FILE_NOT_FOUND are both 2.
+  EXPECT_EQ(FailureOf(handler), (CChannelFailure{EChannelFailure::LaunchFailed, 2}));
   Pendrel::CResponse response;
   EXPECT_EQ(handler.HandleRequest(SampleRequest(), response), NotStarted);
 }
@@ -116,21 +116,21 @@ TEST(HandlerStart, HandlerThatExitsBeforeConnectingFailsAtOnce) {
   const auto start = Clock::now();
   EXPECT_EQ(handler.Start(TestHandlerPath(), 0, L"--exit-before-connect"), StartFailed);
   EXPECT_LT(Clock::now() - start, 5s) << "noticed when the process ended, not after 10 s";
-  EXPECT_EQ(handler.GetResponseErrorMessage(), kNoClient);
+  EXPECT_EQ(FailureOf(handler).Failure, EChannelFailure::NoClient);
   EXPECT_EQ(handler.LastError(), StartFailed);
 }
 
 TEST(HandlerStart, HandlerThatNeverConnectsTimesOut) {
-  detail::SetStartConnectTimeLimitMs(1500);
+  detail::ScopedHandlerSettings settings;
+  settings.Get().connectTimeLimitMs = 1500;
   CHandler handler;
   const auto start = Clock::now();
   EXPECT_EQ(handler.Start(TestHandlerPath(), 0, L"--never-connect --lifetime-ms 4000"),
             StartFailed);
   const auto waited = Clock::now() - start;
-  detail::SetStartConnectTimeLimitMs(10000);
   EXPECT_GE(waited, 1400ms);
   EXPECT_LT(waited, 4000ms);
-  EXPECT_EQ(handler.GetResponseErrorMessage(), kOpenTimedOut);
+  EXPECT_EQ(FailureOf(handler).Failure, EChannelFailure::OpenTimedOut);
   // The channel exists but never connected: queries are not started either.
   unsigned version = 0;
   EXPECT_EQ(handler.RequestLibVersion(version), NotStarted);
@@ -276,7 +276,8 @@ TEST(HandlerExchange, HandlerKilledMidAnswerIsAChannelError) {
   const auto start = Clock::now();
   EXPECT_EQ(started.handler.HandleRequest(request, response), ChannelError);
   EXPECT_LT(Clock::now() - start, 10s);
-  EXPECT_EQ(started.handler.GetResponseErrorMessage().rfind(kReadFailed, 0), 0u)
+  const EChannelFailure failure = FailureOf(started.handler).Failure;
+  EXPECT_TRUE(failure == EChannelFailure::PeerGone || failure == EChannelFailure::ReadFailed)
       << Pendrel::Utf16ToUtf8(started.handler.GetResponseErrorMessage());
   // Sticky: nothing more is sent; HandleRequest finds the pipe gone.
   unsigned version = 0;
@@ -289,8 +290,9 @@ TEST(HandlerExchange, LyingHeaderIsAReadFailure) {
   ASSERT_EQ(started.StartResult(), Ok);
   Pendrel::CResponse response;
   EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ChannelError);
-  const std::wstring text = started.handler.GetResponseErrorMessage();
-  EXPECT_EQ(text.rfind(kReadFailed + L" (2) #", 0), 0u) << Pendrel::Utf16ToUtf8(text);
+  // 13: the header announces more payload than its packet holds.
+  EXPECT_EQ(FailureOf(started.handler), (CChannelFailure{EChannelFailure::ReadFailed, 13}))
+      << Pendrel::Utf16ToUtf8(started.handler.GetResponseErrorMessage());
 }
 
 TEST(HandlerExchange, QueriesDoNotCheckTheConnectionButHandleRequestDoes) {
@@ -551,15 +553,16 @@ TEST(HandlerSessions, CloseWaitsOutAnUnreadAnswer) {
 
 // --- Transaction log ------------------------------------------------------------------------
 
-// Points the log at a folder of the test's own for as long as it lives.
+// Points the log of handlers started on this thread at a folder of the test's own for as
+// long as it lives.
 class LogFolder {
  public:
-  LogFolder() : m_folder(m_dir.path() / "logs") {
-    detail::SetLogFolderOverride(m_folder.wstring() +
-                                 static_cast<wchar_t>(std::filesystem::path::preferred_separator));
-  }
-  ~LogFolder() { detail::SetLogFolderOverride(L""); }
+  LogFolder() : m_folder(m_dir.path() / "logs") { m_settings.Get().logFolder = Folder(); }
   const std::filesystem::path& Path() const { return m_folder; }
+  // The folder as the log takes it, with a separator at the end.
+  std::wstring Folder() const {
+    return m_folder.wstring() + static_cast<wchar_t>(std::filesystem::path::preferred_separator);
+  }
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
     if (!std::filesystem::exists(m_folder)) return names;
@@ -577,6 +580,7 @@ class LogFolder {
  private:
   TempDir m_dir;
   std::filesystem::path m_folder;
+  detail::ScopedHandlerSettings m_settings;
 };
 
 // A handler in `mode` whose session "17" fails its second exchange on the pipe.
@@ -652,33 +656,47 @@ TEST(HandlerLog, ModeThreeWritesBoth) {
 }
 
 TEST(HandlerLog, TagsPadSessionAndTime) {
+  EXPECT_EQ(detail::SessionTag(L"7"), L"007");
+  EXPECT_EQ(detail::SessionTag(L"1234"), L"1234");
+  EXPECT_EQ(detail::SessionTag(L" 42abc"), L"042");
+  EXPECT_EQ(detail::MomentTag(0), L"00000");
+  EXPECT_EQ(detail::MomentTag(34299), L"00342");
+  EXPECT_EQ(detail::MomentTag(12345678), L"123456");
+}
+
+TEST(HandlerLog, EntriesOfOneMomentShareTheFile) {
   LogFolder log;
-  StartedHandler started(L"", 3);
-  ASSERT_EQ(started.StartResult(), Ok);
-  Pendrel::CResponse response;
-  ASSERT_EQ(started.handler.OnCreateSession(L"1234", L"u", L"1", L"H", L"T", L"l", 1, response),
-            Ok);
-  CHandlerTestAccess::Log(started.handler, "first", "");
-  CHandlerTestAccess::Log(started.handler, "second", "answer");
+  detail::TransactionRecord record;
+  record.mode = 3;
+  record.sessionTag = detail::SessionTag(L"1234");
+  record.momentTag = detail::MomentTag(500);
+  record.folder = log.Folder();
+  detail::WriteTransactionLog(record, "first", "");
+  detail::WriteTransactionLog(record, "second", "answer");
   const auto files = log.Files();
-  ASSERT_EQ(files.size(), 2u) << "two entries in one tenth of a second share the file";
-  EXPECT_EQ(files[0].substr(0, 5), "1234-");
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(files[0], "1234-00005-2.txt");
   EXPECT_EQ(files[1], "Listing1234.txt");
-  const std::string record = log.Read(files[0]);
-  const std::size_t first = record.find("\nRequest:\nfirst\nResponse:\n\n");
-  const std::size_t second = record.find("\nRequest:\nsecond\nResponse:\nanswer\n");
+  const std::string text = log.Read(files[0]);
+  const std::size_t first = text.find("\nRequest:\nfirst\nResponse:\n\n");
+  const std::size_t second = text.find("\nRequest:\nsecond\nResponse:\nanswer\n");
   ASSERT_NE(first, std::string::npos);
   ASSERT_NE(second, std::string::npos);
   EXPECT_LT(first, second);
 }
 
 TEST(HandlerLog, SessionTextThatIsNotANumberGivesZero) {
+  EXPECT_EQ(detail::SessionTag(L"abc"), L"000");
+  EXPECT_EQ(detail::SessionTag(L""), L"000");
+}
+
+TEST(HandlerLog, SessionOfAFailedExchangeThatIsNotANumberGivesZero) {
   LogFolder log;
-  StartedHandler started(L"", 2);
+  StartedHandler started(L"--crash-mid-answer 1 --broken-at 2", 2);
   ASSERT_EQ(started.StartResult(), Ok);
   Pendrel::CResponse response;
   ASSERT_EQ(started.handler.OnCreateSession(L"abc", L"u", L"1", L"H", L"T", L"l", 1, response), Ok);
-  CHandlerTestAccess::Log(started.handler, "x", "");
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ChannelError);
   EXPECT_EQ(log.Files(), std::vector<std::string>{"Listing000.txt"});
 }
 

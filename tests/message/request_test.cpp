@@ -5,15 +5,9 @@
 #include <string>
 #include <utility>
 
+#include "message/detail/HttpForm.h"
+
 namespace Pendrel {
-
-// Reaches the private GetNextResource.
-struct CRequestTestAccess {
-  static std::wstring NextResource(CRequest& request, std::wstring& path) {
-    return request.GetNextResource(path);
-  }
-};
-
 namespace {
 
 TEST(Request, DefaultIsEmpty) {
@@ -134,23 +128,21 @@ constexpr ResourceStep kResourceSteps[] = {
 };
 
 TEST(RequestNextResource, TakesOneSegment) {
-  CRequest request;
   for (const ResourceStep& step : kResourceSteps) {
     std::wstring path = step.path;
-    EXPECT_EQ(CRequestTestAccess::NextResource(request, path), step.segment) << step.path;
+    EXPECT_EQ(detail::TakeResourceSegment(path), step.segment) << step.path;
     EXPECT_EQ(path, step.rest);
   }
 }
 
 TEST(RequestNextResource, WalksAWholePath) {
-  CRequest request;
   std::wstring path = L"/doc/page/3";
-  EXPECT_EQ(CRequestTestAccess::NextResource(request, path), L"doc");
-  EXPECT_EQ(CRequestTestAccess::NextResource(request, path), L"page");
+  EXPECT_EQ(detail::TakeResourceSegment(path), L"doc");
+  EXPECT_EQ(detail::TakeResourceSegment(path), L"page");
   EXPECT_EQ(path, L"3");
-  EXPECT_EQ(CRequestTestAccess::NextResource(request, path), L"3");
+  EXPECT_EQ(detail::TakeResourceSegment(path), L"3");
   EXPECT_EQ(path, L"");
-  EXPECT_EQ(CRequestTestAccess::NextResource(request, path), L"");
+  EXPECT_EQ(detail::TakeResourceSegment(path), L"");
 }
 
 CRequest SampleRequest() {

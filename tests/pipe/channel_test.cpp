@@ -82,7 +82,7 @@ TEST(PipeChannel, WorkerStopsWaitingForClientAfterItsTimeLimit) {
   ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
   EXPECT_EQ(server.ErrorText(), kNoClient);
   EXPECT_FALSE(server.IsConnecting());
-  EXPECT_TRUE(server.IsStopRequested());
+  EXPECT_EQ(server.State(), Pendrel::EChannelState::Failed);
 }
 
 TEST(PipeChannel, ClientEndFailsAtOnceWithoutServer) {
@@ -92,7 +92,7 @@ TEST(PipeChannel, ClientEndFailsAtOnceWithoutServer) {
   EXPECT_LT(Clock::now() - start, 5s);
   EXPECT_EQ(client.ErrorText(), kOpenFailed);
   EXPECT_FALSE(client.IsConnected());
-  EXPECT_TRUE(client.IsStopRequested());
+  EXPECT_EQ(client.State(), Pendrel::EChannelState::Failed);
 }
 
 TEST(PipeChannel, ServerEndAndClientEndExchangeMessagesInOrder) {
@@ -455,6 +455,99 @@ TEST(PipeChannelReceiveQueue, WaitUntilNothingReceivedSeesTheQueueEmptied) {
   });
   EXPECT_TRUE(server.WaitUntilNothingReceived(5s));
   taker.join();
+}
+
+}  // namespace
+
+namespace {
+
+using Pendrel::CChannelFailure;
+using Pendrel::EChannelFailure;
+using Pendrel::EChannelState;
+
+// Every failure's text, byte for byte: hosts' logs and tools match these.
+struct FailureTextCase {
+  EChannelFailure failure;
+  std::uint32_t code;
+  const wchar_t* text;
+};
+
+const FailureTextCase kFailureTexts[] = {
+    {EChannelFailure::None, 0, L""},
+    {EChannelFailure::OpenTimedOut, 0,
+     L"Вышло время ожидания создания нового подключения по именнованным каналам"},
+    {EChannelFailure::OpenFailed, 98, L"Ошибка открытия канала NamedPipe\n"},
+    {EChannelFailure::NoClient, 0, L"Нет входящих подключений по каналу NamedPipe\n"},
+    {EChannelFailure::Unhandled, 0, L"Необработанное исключение при создании канала NamedPipe\n"},
+    {EChannelFailure::PeerGone, 109, L"Ошибка чтения данных через NamedPipe (1) #109\n"},
+    {EChannelFailure::ReadFailed, 13, L"Ошибка чтения данных через NamedPipe (2) #13\n"},
+    {EChannelFailure::PacketTimedOut, 7,
+     L"Ошибка чтения данных через NamedPipe - вышло время ожидания пакета: 0 / 7\n"},
+    {EChannelFailure::WriteFailed, 258, L"Ошибка записи данных в NamedPipe #258\n"},
+    {EChannelFailure::LaunchFailed, 2, L"Ошибка запуска обработчика #2\n"},
+};
+
+TEST(PipeChannelFailure, EachFailureHasItsText) {
+  for (const FailureTextCase& c : kFailureTexts) {
+    EXPECT_EQ(NamedPipeChannel::TextOf({c.failure, c.code}), c.text) << static_cast<int>(c.failure);
+  }
+}
+
+TEST(PipeChannelFailure, IsReportedAsCodeNextToItsText) {
+  NamedPipeChannel client;
+  client.SetOpenTimeLimitMs(2000);
+  ASSERT_FALSE(client.Open(UniquePipeName(), EPipeEnd::Client));
+  const CChannelFailure failure = client.Failure();
+  EXPECT_EQ(failure.Failure, EChannelFailure::OpenFailed);
+  EXPECT_NE(failure.Code, 0u) << "the system's error number";
+  EXPECT_EQ(client.ErrorText(), NamedPipeChannel::TextOf(failure));
+  std::wstring text;
+  EXPECT_EQ(client.TakeFailure(text), failure);
+  EXPECT_EQ(text, kOpenFailed);
+  EXPECT_EQ(client.Failure(), CChannelFailure());
+  EXPECT_FALSE(client.HasError());
+}
+
+TEST(PipeChannelState, GoesFromListeningThroughConnectedToClosed) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  EXPECT_EQ(server.State(), EChannelState::Closed);
+  ASSERT_TRUE(server.Listen(name));
+  EXPECT_EQ(server.State(), EChannelState::Listening);
+  auto connected = std::async(std::launch::async, [&server] { return server.WaitForConnection(); });
+  NamedPipeChannel client;
+  ASSERT_TRUE(client.Open(name, EPipeEnd::Client)) << "the endpoint exists since Listen";
+  ASSERT_TRUE(connected.get());
+  EXPECT_EQ(server.State(), EChannelState::Connected);
+  EXPECT_EQ(client.State(), EChannelState::Connected);
+  server.Close();
+  EXPECT_EQ(server.State(), EChannelState::Closed);
+  // The client's worker finds the pipe gone and fails.
+  std::string message;
+  EXPECT_EQ(client.WaitForMessage(message, 10s), EWaitResult::Error);
+  EXPECT_EQ(client.State(), EChannelState::Failed);
+  EXPECT_EQ(client.Failure().Failure, EChannelFailure::PeerGone);
+}
+
+TEST(PipeChannelInterrupt, WakesAWaitingReaderAtOnceUntilClose) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  NamedPipeChannel client;
+  ASSERT_TRUE(OpenBothEnds(server, client, name));
+  auto waiting = std::async(std::launch::async, [&client] {
+    std::string message;
+    return client.WaitForMessage(message, std::chrono::milliseconds::max());
+  });
+  client.InterruptWaits();
+  ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(waiting.get(), EWaitResult::Interrupted);
+  // Sticky: a message that arrives later is not taken.
+  server.Post("late");
+  std::string message;
+  EXPECT_EQ(client.WaitForMessage(message, 0ms), EWaitResult::Interrupted);
+  EXPECT_TRUE(message.empty());
+  client.Close();
+  EXPECT_EQ(client.WaitForMessage(message, 0ms), EWaitResult::TimedOut) << "Close undoes it";
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 #include "tests/reliability/ReliabilitySupport.h"
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <iterator>
 #include <thread>
 
 #include "json/TextConversion.h"
+#include "pipe/NamedPipeChannel.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
 
 namespace pendrel_reliability {
@@ -14,14 +17,17 @@ std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wst
 
 }  // namespace
 
-std::wstring PeerGoneText() {
-  return Pendrel::FormatWString(L"%ls (1) #%u\n", kReadFailed.c_str(),
-                                static_cast<unsigned>(PeerGoneCode()));
+Pendrel::CChannelFailure PeerGone() { return {Pendrel::EChannelFailure::PeerGone, PeerGoneCode()}; }
+
+Pendrel::CChannelFailure RefusedPacket(std::uint32_t code) {
+  return {Pendrel::EChannelFailure::ReadFailed, code};
 }
 
-std::wstring RefusedPacketText(std::uint32_t code) {
-  return Pendrel::FormatWString(L"%ls (2) #%u\n", kReadFailed.c_str(), static_cast<unsigned>(code));
+Pendrel::CChannelFailure PacketTimedOut(std::uint32_t remaining) {
+  return {Pendrel::EChannelFailure::PacketTimedOut, remaining};
 }
+
+Pendrel::CChannelFailure NoFailure() { return {}; }
 
 FaultHost::FaultHost(const std::wstring& options) {
   std::wstring arguments = L"--pid-file " + Quoted(m_dir.path() / "pid.txt") + L" --record " +
@@ -49,6 +55,12 @@ std::size_t FaultHost::Received() const {
   std::size_t lines = 0;
   for (std::string line; std::getline(in, line);) ++lines;
   return lines;
+}
+
+Pendrel::CChannelFailure FaultHost::Failure() {
+  const Pendrel::CChannelFailure failure = handler.GetChannelFailure();
+  EXPECT_EQ(handler.GetResponseErrorMessage(), Pendrel::NamedPipeChannel::TextOf(failure));
+  return failure;
 }
 
 std::string FaultHost::ErrorMessage() {

@@ -16,16 +16,16 @@ namespace pendrel_reliability {
 
 using namespace std::chrono_literals;
 
-inline const std::wstring kReadFailed = L"Ошибка чтения данных через NamedPipe";
-inline const std::wstring kPacketTimedOut =
-    L"Ошибка чтения данных через NamedPipe - вышло время ожидания пакета";
-
 // The error number a reader sees when its peer has ended: EPIPE, ERROR_BROKEN_PIPE.
 std::uint32_t PeerGoneCode();
-// "<read failed> (1) #<PeerGoneCode>\n": the reader found the peer gone.
-std::wstring PeerGoneText();
-// "<read failed> (2) #<code>\n": a packet was refused (13 a lying header, 8 over the cap).
-std::wstring RefusedPacketText(std::uint32_t code);
+// The reader found the peer gone.
+Pendrel::CChannelFailure PeerGone();
+// A packet was refused (13 a lying header, 8 over the cap).
+Pendrel::CChannelFailure RefusedPacket(std::uint32_t code);
+// A message stopped with `remaining` packets still announced.
+Pendrel::CChannelFailure PacketTimedOut(std::uint32_t remaining);
+// No failure.
+Pendrel::CChannelFailure NoFailure();
 
 // A CHandler started on the fault handler with `options`, which writes its process id and a
 // record of the messages it received into a folder of its own.
@@ -40,6 +40,8 @@ class FaultHost {
   std::size_t Received() const;
   // The handler's error text, as UTF-8 for test messages.
   std::string ErrorMessage();
+  // The handler's failure code; checks that ErrorMessage is the text made of it.
+  Pendrel::CChannelFailure Failure();
 
   CTolvane::CHandler handler;
 

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "handler/CHandler.h"
-#include "handler/detail/TestSeams.h"
+#include "handler/detail/HandlerSettings.h"
 #include "pipe/detail/PacketFraming.h"
 #include "pipe/detail/PipeTransport.h"
 #include "tests/reliability/ReliabilitySupport.h"
@@ -43,12 +43,15 @@ bool WaitForText(const std::filesystem::path& file, const std::string& text,
   return true;
 }
 
-// Clears the names Start is to try when the test ends, whatever happened.
-struct NextPipeNames {
+// The names Start tries first on this thread while it lives.
+class NextPipeNames {
+ public:
   explicit NextPipeNames(std::vector<std::wstring> names) {
-    CTolvane::detail::SetNextPipeNames(std::move(names));
+    m_settings.Get().pipeNames.assign(names.begin(), names.end());
   }
-  ~NextPipeNames() { CTolvane::detail::SetNextPipeNames({}); }
+
+ private:
+  CTolvane::detail::ScopedHandlerSettings m_settings;
 };
 
 // --squat: a program that holds the name with the library's own transport.

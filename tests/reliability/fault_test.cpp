@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "handler/CHandler.h"
-#include "handler/detail/TestSeams.h"
+#include "handler/detail/HandlerSettings.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "tests/reliability/ReliabilitySupport.h"
@@ -32,31 +32,29 @@ using CTolvane::Ok;
 using CTolvane::ResponseTimeout;
 using Clock = std::chrono::steady_clock;
 
-// Sets the channel time limit of handlers started while it lives.
+// Sets the channel time limit of handlers started on this thread while it lives.
 class ChannelTimeLimit {
  public:
   explicit ChannelTimeLimit(std::uint32_t milliseconds) {
-    CTolvane::detail::SetChannelTimeLimitMs(milliseconds);
+    m_settings.Get().channelTimeLimitMs = milliseconds;
   }
-  ~ChannelTimeLimit() {
-    CTolvane::detail::SetChannelTimeLimitMs(Pendrel::NamedPipeChannel::kDefaultTimeLimitMs);
-  }
+
+ private:
+  CTolvane::detail::ScopedHandlerSettings m_settings;
 };
 
 struct FaultCase {
   const char* name;
   const wchar_t* options;
   EErrorCode expected;
-  // The error text the handler reports afterwards.
-  std::function<std::wstring()> text;
+  // The failure the handler reports afterwards.
+  std::function<Pendrel::CChannelFailure()> failure;
   std::chrono::milliseconds within;
   std::uint32_t channelTimeLimitMs = Pendrel::NamedPipeChannel::kDefaultTimeLimitMs;
   std::int32_t responseTimeoutS = 120;
 };
 
 void PrintTo(const FaultCase& c, std::ostream* out) { *out << c.name; }
-
-std::wstring NoText() { return std::wstring(); }
 
 class HandlerFault : public testing::TestWithParam<FaultCase> {};
 
@@ -93,8 +91,7 @@ TEST_P(HandlerFault, GivesItsErrorInTimeWhileAnotherHandlerKeepsWorking) {
 
     EXPECT_EQ(code, c.expected);
     EXPECT_EQ(broken.handler.LastError(), c.expected);
-    EXPECT_EQ(Pendrel::Utf16ToUtf8(broken.handler.GetResponseErrorMessage()),
-              Pendrel::Utf16ToUtf8(c.text()));
+    EXPECT_EQ(broken.Failure(), c.failure()) << broken.ErrorMessage();
     EXPECT_LT(took, c.within);
     EXPECT_EQ(goodProblem, "");
     // Sticky: the next request fails at once with the same code.
@@ -109,36 +106,33 @@ TEST_P(HandlerFault, GivesItsErrorInTimeWhileAnotherHandlerKeepsWorking) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, HandlerFault,
-    testing::Values(FaultCase{"CrashBeforeAnswering", L"--crash-after-packets 0", ChannelError,
-                              PeerGoneText, 10s},
-                    FaultCase{"CrashAfterOnePacket", L"--crash-after-packets 1", ChannelError,
-                              PeerGoneText, 10s},
-                    FaultCase{"CrashAfterFivePackets", L"--crash-after-packets 5", ChannelError,
-                              PeerGoneText, 10s},
-                    // The gap between two packets of one message passes the channel's time limit;
-                    // the text counts the packets the last one announced.
-                    FaultCase{"HangMidAnswer", L"--hang-after-packets 2", ChannelError,
-                              [] { return kPacketTimedOut + L": 0 / 1\n"; }, 8s, 1500},
-                    FaultCase{"HangMidAnswerPastTheResponseTime", L"--hang-after-packets 2",
-                              ResponseTimeout, NoText, 8s,
-                              Pendrel::NamedPipeChannel::kDefaultTimeLimitMs, 1},
-                    FaultCase{"GarbageShorterThanAHeader", L"--garbage short", ChannelError,
-                              [] { return RefusedPacketText(13); }, 10s},
-                    FaultCase{"GarbageOfAllOnes", L"--garbage ones", ChannelError,
-                              [] { return RefusedPacketText(13); }, 10s},
-                    FaultCase{"PayloadLongerThanThePacket", L"--packet-size 64 --header 0,100",
-                              ChannelError, [] { return RefusedPacketText(13); }, 10s},
-                    FaultCase{"BillionsOfPacketsAnnounced", L"--header 4294967295,32760",
-                              ChannelError, [] { return RefusedPacketText(8); }, 10s},
-                    // A full packet with 32,777 more to come: at least 1 GiB + 32,697 bytes, over
-                    // the cap, refused at once. With one packet fewer the message could still fit:
-                    // it is awaited, and the gap to the next packet ends it.
-                    FaultCase{"MessageOverTheCapAnnounced", L"--header 32777,32760", ChannelError,
-                              [] { return RefusedPacketText(8); }, 10s},
-                    FaultCase{"MessageWithinTheCapAnnounced", L"--header 32776,32760", ChannelError,
-                              [] { return kPacketTimedOut + L": 0 / 32776\n"; }, 8s, 1500},
-                    FaultCase{"AnswerAfterTheRequestTimedOut", L"--delay-ms 1500", ResponseTimeout,
-                              NoText, 8s, Pendrel::NamedPipeChannel::kDefaultTimeLimitMs, 1}),
+    testing::Values(
+        FaultCase{"CrashBeforeAnswering", L"--crash-after-packets 0", ChannelError, PeerGone, 10s},
+        FaultCase{"CrashAfterOnePacket", L"--crash-after-packets 1", ChannelError, PeerGone, 10s},
+        FaultCase{"CrashAfterFivePackets", L"--crash-after-packets 5", ChannelError, PeerGone, 10s},
+        // The gap between two packets of one message passes the channel's time limit;
+        // the text counts the packets the last one announced.
+        FaultCase{"HangMidAnswer", L"--hang-after-packets 2", ChannelError,
+                  [] { return PacketTimedOut(1); }, 8s, 1500},
+        FaultCase{"HangMidAnswerPastTheResponseTime", L"--hang-after-packets 2", ResponseTimeout,
+                  NoFailure, 8s, Pendrel::NamedPipeChannel::kDefaultTimeLimitMs, 1},
+        FaultCase{"GarbageShorterThanAHeader", L"--garbage short", ChannelError,
+                  [] { return RefusedPacket(13); }, 10s},
+        FaultCase{"GarbageOfAllOnes", L"--garbage ones", ChannelError,
+                  [] { return RefusedPacket(13); }, 10s},
+        FaultCase{"PayloadLongerThanThePacket", L"--packet-size 64 --header 0,100", ChannelError,
+                  [] { return RefusedPacket(13); }, 10s},
+        FaultCase{"BillionsOfPacketsAnnounced", L"--header 4294967295,32760", ChannelError,
+                  [] { return RefusedPacket(8); }, 10s},
+        // A full packet with 32,777 more to come: at least 1 GiB + 32,697 bytes, over
+        // the cap, refused at once. With one packet fewer the message could still fit:
+        // it is awaited, and the gap to the next packet ends it.
+        FaultCase{"MessageOverTheCapAnnounced", L"--header 32777,32760", ChannelError,
+                  [] { return RefusedPacket(8); }, 10s},
+        FaultCase{"MessageWithinTheCapAnnounced", L"--header 32776,32760", ChannelError,
+                  [] { return PacketTimedOut(32776); }, 8s, 1500},
+        FaultCase{"AnswerAfterTheRequestTimedOut", L"--delay-ms 1500", ResponseTimeout, NoFailure,
+                  8s, Pendrel::NamedPipeChannel::kDefaultTimeLimitMs, 1}),
     [](const testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
 
 // A handler may cut its answers into packets of another size than the library's 32768

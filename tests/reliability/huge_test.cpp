@@ -5,10 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "handler/CHandler.h"
-#include "handler/detail/TestSeams.h"
+#include "handler/detail/HandlerSettings.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "tests/reliability/ReliabilitySupport.h"
@@ -32,21 +33,22 @@ TEST(HugeMessage, AnnouncedPastTheCapIsRefusedBeforeMemoryIsTaken) {
   const std::int64_t before = HeapBytesInUse();
   Pendrel::CResponse response;
   EXPECT_EQ(host.handler.HandleRequest(FileRequest(L"huge", "x"), response), ChannelError);
-  EXPECT_EQ(host.ErrorMessage(), Pendrel::Utf16ToUtf8(RefusedPacketText(8)));
+  EXPECT_EQ(host.Failure(), RefusedPacket(8)) << host.ErrorMessage();
   EXPECT_LT(HeapPeakBytes() - before, 4 * kMiB);
 }
 
 TEST(HugeMessage, AnnouncedWithinTheCapTakesOnlyWhatArrived) {
   if (!HeapIsCounted()) GTEST_SKIP() << kHeapNotCounted;
-  CTolvane::detail::SetChannelTimeLimitMs(1500);
+  std::optional<CTolvane::detail::ScopedHandlerSettings> settings(std::in_place);
+  settings->Get().channelTimeLimitMs = 1500;
   FaultHost host(L"--header 32776,32760");
-  CTolvane::detail::SetChannelTimeLimitMs(Pendrel::NamedPipeChannel::kDefaultTimeLimitMs);
+  settings.reset();
   ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
   ResetHeapPeak();
   const std::int64_t before = HeapBytesInUse();
   Pendrel::CResponse response;
   EXPECT_EQ(host.handler.HandleRequest(FileRequest(L"huge", "x"), response), ChannelError);
-  EXPECT_EQ(host.ErrorMessage(), Pendrel::Utf16ToUtf8(kPacketTimedOut + L": 0 / 32776\n"));
+  EXPECT_EQ(host.Failure(), PacketTimedOut(32776)) << host.ErrorMessage();
   EXPECT_LT(HeapPeakBytes() - before, 4 * kMiB);
 }
 
