@@ -6,17 +6,17 @@
 #include <mutex>
 #include <sstream>
 
+#include "base/FileOpen.h"
 #include "handler/CHandler.h"
 #include "handler/detail/HandlerState.h"
 #include "handler/detail/HostSystem.h"
 #include "handler/detail/TestSeams.h"
 #include "json/TextConversion.h"
-#include "message/detail/FileOpen.h"
 
 namespace CTolvane {
 namespace {
 
-using Pendrel::detail::FilePtr;
+using Pendrel::base::FilePtr;
 
 std::mutex g_folderOverrideMutex;
 std::wstring g_folderOverride;  // guarded by g_folderOverrideMutex
@@ -27,7 +27,7 @@ std::wstring LogFolder() {
     if (!g_folderOverride.empty()) return g_folderOverride;
   }
   static const std::wstring folder =
-      detail::HostProgramFolder() + L"HarnockLogs" + Pendrel::detail::PreferredPathSeparator();
+      detail::HostProgramFolder() + L"HarnockLogs" + Pendrel::base::PreferredPathSeparator();
   return folder;
 }
 
@@ -35,10 +35,10 @@ std::wstring LogFolder() {
 // and time, without a line end: the caller's text follows on the same line.
 FilePtr OpenLogFile(const std::wstring& fileName) {
   const std::wstring folder = LogFolder();
-  Pendrel::detail::CreateFolder(folder.substr(0, folder.size() - 1));
+  Pendrel::base::CreateFolder(folder.substr(0, folder.size() - 1));
   const std::wstring path = folder + fileName;
-  FilePtr file = Pendrel::detail::OpenFile(path, "ab");
-  if (!file) file = Pendrel::detail::OpenFile(path, "wb");
+  FilePtr file = Pendrel::base::OpenFile(path, "ab");
+  if (!file) file = Pendrel::base::OpenFile(path, "wb");
   if (!file) return nullptr;
   const detail::LocalTime now = detail::CurrentLocalTime();
   std::fprintf(file.get(), "%02d.%02d.%04d %02d:%02d:%02d", now.day, now.month, now.year, now.hour,

@@ -14,8 +14,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/SystemText.h"
 #include "handler/detail/ChildProcess.h"
-#include "message/detail/SystemText.h"
 
 extern char** environ;  // NOLINT: the environment handed to the handler as it is
 
@@ -255,7 +255,7 @@ std::uint32_t ChildProcess::Start(const std::wstring& /*commandLine*/,
   std::vector<std::string> texts;
   texts.reserve(arguments.size());
   for (const std::wstring& argument : arguments) {
-    texts.push_back(Pendrel::detail::ToSystemText(argument));
+    texts.push_back(Pendrel::base::ToSystemText(argument));
   }
   std::vector<char*> argv;
   for (std::string& text : texts) argv.push_back(text.data());

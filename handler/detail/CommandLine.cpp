@@ -5,9 +5,9 @@
 #include <iterator>  // std::make_move_iterator
 #include <mutex>
 
+#include "base/Random.h"
 #include "handler/detail/TestSeams.h"
 #include "json/TextConversion.h"
-#include "message/detail/Random.h"
 
 namespace CTolvane::detail {
 namespace {
@@ -90,7 +90,7 @@ std::wstring MakePipeName() {
       return name;
     }
   }
-  const std::uint64_t bits = Pendrel::detail::RandomBits();
+  const std::uint64_t bits = Pendrel::base::RandomBits();
   const auto first = static_cast<unsigned>(bits & 0x7FFF);
   const auto second = static_cast<unsigned>((bits >> 16) & 0x7FFF);
   return Pendrel::FormatWString(L"%X%X", first, second);

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <thread>
 
-#include "message/detail/SystemText.h"
+#include "base/SystemText.h"
 #include "tests/support/TestProcess.h"
 
 extern char** environ;  // NOLINT: the test's environment, passed on as it is
@@ -27,7 +27,7 @@ TestProcess::TestProcess(const std::wstring&, const std::vector<std::wstring>& a
   if (arguments.empty()) return;
   std::vector<std::string> texts;
   for (const std::wstring& argument : arguments) {
-    texts.push_back(Pendrel::detail::ToSystemText(argument));
+    texts.push_back(Pendrel::base::ToSystemText(argument));
   }
   std::vector<char*> argv;
   for (std::string& text : texts) argv.push_back(text.data());
