@@ -8,13 +8,13 @@
 #include <thread>
 #include <utility>
 
+#include "base/Deadline.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 
 namespace PendrelKit {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 // How often Run looks at the stop flag while no message comes; the channel offers no way
@@ -40,11 +40,11 @@ struct CHandlerKit::Impl {
 
   // True once connected; false on time-out or Stop.
   bool Connect(const std::wstring& name, std::chrono::milliseconds timeout) {
-    const Clock::time_point deadline = Clock::now() + timeout;
+    const Pendrel::base::Deadline deadline = Pendrel::base::DeadlineAfter(timeout);
     for (;;) {
       if (stop) return false;
       if (channel.Open(name, Pendrel::EPipeEnd::Client)) return true;
-      if (Clock::now() >= deadline) return false;
+      if (Pendrel::base::Passed(deadline)) return false;
       std::this_thread::sleep_for(kConnectRetryInterval);
     }
   }

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "base/SystemText.h"
+#include "base/UniqueFd.h"
 #include "handler/detail/ChildProcess.h"
 
 extern char** environ;  // NOLINT: the environment handed to the handler as it is
@@ -22,27 +23,7 @@ extern char** environ;  // NOLINT: the environment handed to the handler as it i
 namespace CTolvane::detail {
 namespace {
 
-// Owner of one file descriptor; -1 means none.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : m_fd(fd) {}
-  ~Fd() { Reset(); }
-  Fd(Fd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    if (this != &other) Reset(std::exchange(other.m_fd, -1));
-    return *this;
-  }
-
-  int Get() const { return m_fd; }
-  void Reset(int fd = -1) {
-    if (m_fd >= 0) close(m_fd);
-    m_fd = fd;
-  }
-
- private:
-  int m_fd = -1;
-};
+using Pendrel::base::UniqueFd;
 
 // A descriptor that becomes readable when `pid` ends (Linux 5.3 and later; close-on-exec by
 // nature); -1 where the kernel has none, and the reaper then looks every 100 ms instead.
@@ -112,7 +93,7 @@ class Reaper {
  private:
   struct Entry {
     pid_t pid = 0;
-    Fd pidFd;
+    UniqueFd pidFd;
     std::function<void()> onExit;
     bool ended = false;      // collected, waiting for its owner to ask
     bool forgotten = false;  // the owner is gone
@@ -197,7 +178,7 @@ class Reaper {
   std::uint64_t m_nextToken = 1;             // guarded by m_mutex
   bool m_running = false;                    // guarded by m_mutex
   std::thread m_thread;                      // guarded by m_mutex
-  Fd m_wake;
+  UniqueFd m_wake;
 };
 
 // Spawn settings that leave nothing of the host in the handler but the environment, the

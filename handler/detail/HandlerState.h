@@ -2,12 +2,12 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include "base/Deadline.h"
 #include "handler/CHandler.h"
 #include "handler/detail/ChildProcess.h"
 #include "pipe/NamedPipeChannel.h"
@@ -27,11 +27,7 @@ struct Connection {
 };
 
 // Milliseconds of a clock that only goes forward.
-inline std::uint64_t NowTicks() {
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        std::chrono::steady_clock::now().time_since_epoch())
-                                        .count());
-}
+inline std::uint64_t NowTicks() { return Pendrel::base::MonotonicMs(); }
 
 }  // namespace detail
 

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "base/Deadline.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
@@ -123,9 +124,9 @@ TEST(PipeOtherUser, CannotConnectEvenWhenTheFolderIsOpened) {
   EXPECT_EQ(connectError, 0u);
   EXPECT_TRUE(connected);
   server.Post("for the real client");
-  const auto deadline = Pendrel::detail::Clock::now() + 5s;
+  const auto deadline = Pendrel::base::Clock::now() + 5s;
   bool received = false;
-  while (!received && Pendrel::detail::Clock::now() < deadline) {
+  while (!received && Pendrel::base::Clock::now() < deadline) {
     received = client.Wait(deadline, 32768, 1 << 20).received;
   }
   EXPECT_TRUE(received);

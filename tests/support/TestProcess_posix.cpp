@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "base/RetryOnEintr.h"
 #include "base/SystemText.h"
 #include "tests/support/TestProcess.h"
 
@@ -43,8 +44,7 @@ TestProcess::~TestProcess() {
   if (Wait(std::chrono::seconds(10)) == -1) {
     ::kill(m_impl->pid, SIGKILL);
     int status = 0;
-    while (::waitpid(m_impl->pid, &status, 0) == -1 && errno == EINTR) {
-    }
+    Pendrel::base::RetryOnEintr([&] { return ::waitpid(m_impl->pid, &status, 0); });
   }
 }
 
