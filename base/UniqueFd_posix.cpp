@@ -4,9 +4,6 @@
 
 namespace Pendrel::base {
 
-void UniqueFd::Reset(int fd) noexcept {
-  if (m_fd >= 0) ::close(m_fd);
-  m_fd = fd;
-}
+void FdTraits::Close(Handle fd) noexcept { ::close(fd); }
 
 }  // namespace Pendrel::base
