@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -19,6 +18,7 @@
 #include <thread>
 
 #include "base/Deadline.h"
+#include "base/RetryOnEintr.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
@@ -51,9 +51,10 @@ int RunClientAs(const passwd& user, const std::string& socketPath) {
   const auto deadline = std::chrono::steady_clock::now() + 20s;
   for (;;) {
     int status = 0;
-    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    const pid_t done =
+        Pendrel::base::RetryOnEintr([&] { return ::waitpid(pid, &status, WNOHANG); });
     if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if ((done == -1 && errno != EINTR) || std::chrono::steady_clock::now() > deadline) {
+    if (done == -1 || std::chrono::steady_clock::now() > deadline) {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, &status, 0);
       return -1;

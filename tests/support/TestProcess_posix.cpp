@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <thread>
 
 #include "base/RetryOnEintr.h"
@@ -58,13 +57,14 @@ int TestProcess::Wait(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     int status = 0;
-    const pid_t done = ::waitpid(m_impl->pid, &status, WNOHANG);
+    const pid_t done =
+        Pendrel::base::RetryOnEintr([&] { return ::waitpid(m_impl->pid, &status, WNOHANG); });
     if (done == m_impl->pid) {
       m_impl->ended = true;
       m_impl->exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
       return m_impl->exitCode;
     }
-    if (done == -1 && errno != EINTR) return -1;
+    if (done == -1) return -1;
     if (std::chrono::steady_clock::now() >= deadline) return -1;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
