@@ -32,6 +32,7 @@ constexpr std::uint32_t kCompletionOffset = 10000;
 
 using base::ScopedFileHandle;
 using base::ScopedKernelHandle;
+// base::WaitTimeoutMs speaks of INFINITE without the Windows headers.
 static_assert(base::kWaitForever == INFINITE);
 
 // The one place where the system's error number is read; called right after the failing
