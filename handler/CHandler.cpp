@@ -3,6 +3,7 @@
 #include <atomic>
 #include <utility>
 
+#include "base/Deadline.h"
 #include "handler/detail/CommandLine.h"
 #include "handler/detail/HandlerSettings.h"
 #include "handler/detail/HandlerState.h"
@@ -66,7 +67,7 @@ EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extr
   detail::HandlerSettings& settings = SettingsForStart(defaults);
   state.SetLogFolder(settings.logFolder);
   state.modeValue = mode;
-  state.startTicks = detail::NowTicks();
+  state.startTicks = Pendrel::base::MonotonicMs();
   // A handler started before is let go; its pipe closes with its last owner.
   state.connection.reset();
 

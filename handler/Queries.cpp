@@ -3,8 +3,8 @@
 #include <cwchar>    // std::wcstoull
 #include <iterator>  // std::size
 #include <sstream>
-#include <thread>
 
+#include "base/Deadline.h"
 #include "handler/CHandler.h"
 #include "handler/detail/HandlerState.h"
 #include "json/TextConversion.h"
@@ -101,7 +101,7 @@ EErrorCode CHandler::OnCreateSession(std::wstring sessionKey, std::wstring user,
     const std::lock_guard<std::mutex> lock(state.textMutex);
     state.sessionIdText = sessionKey;
   }
-  state.startTicks = detail::NowTicks();
+  state.startTicks = Pendrel::base::MonotonicMs();
   // Only the low 32 bits, as an unsigned number: what handlers read.
   const std::wstring timeout = Pendrel::FormatWString(
       L"%u", static_cast<unsigned>(static_cast<unsigned long long>(taskTimeoutS)));

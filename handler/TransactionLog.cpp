@@ -2,6 +2,7 @@
 // and the record of a failed exchange handed to the writer (handler/detail/LogWriter.h).
 #include <mutex>
 
+#include "base/Deadline.h"
 #include "handler/CHandler.h"
 #include "handler/detail/HandlerState.h"
 #include "handler/detail/LogWriter.h"
@@ -14,7 +15,7 @@ std::wstring CHandler::GetKesh2SessionID() {
 }
 
 std::wstring CHandler::GetKesh2SessionStartTime() {
-  return detail::MomentTag(detail::NowTicks() - m_state->startTicks);
+  return detail::MomentTag(Pendrel::base::MonotonicMs() - m_state->startTicks);
 }
 
 void CHandler::LogTransaction(const std::string& request, const std::string& response) {

@@ -7,13 +7,13 @@
 #include <mutex>
 #include <utility>
 
+#include "base/Deadline.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 
 namespace PendrelKit {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 // How soon Run tries again to open a pipe whose server end is not there yet.
@@ -45,11 +45,11 @@ struct CHandlerKit::Impl {
   // the handler has started: there is nothing to wait on but the name, so it is tried again
   // at short intervals, and Stop ends the pause at once.
   bool Connect(const std::wstring& name, std::chrono::milliseconds timeout) {
-    const Clock::time_point deadline = Clock::now() + timeout;
+    const Pendrel::base::Deadline deadline = Pendrel::base::DeadlineAfter(timeout);
     for (;;) {
       if (StopRequested()) return false;
       if (channel.Open(name, Pendrel::EPipeEnd::Client)) return true;
-      if (Clock::now() >= deadline) return false;
+      if (Pendrel::base::Passed(deadline)) return false;
       std::unique_lock<std::mutex> lock(mutex);
       stopped.wait_for(lock, kConnectRetryInterval, [this] { return stop; });
     }

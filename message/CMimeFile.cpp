@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "message/detail/FileOpen.h"
+#include "base/FileOpen.h"
 
 namespace Pendrel {
 
@@ -112,11 +112,11 @@ bool MimeTypeIsImage(EMimeType type) {
 bool MimeTypeIsText(EMimeType type) { return type == Json || type == Text || type == Csv; }
 
 bool CMimeFile::LoadFromFile(const std::wstring& path) {
-  detail::FilePtr file = detail::OpenForBinaryRead(path);
+  base::FilePtr file = base::OpenForBinaryRead(path);
   if (!file) return false;
 
   std::size_t nameStart = path.size();
-  while (nameStart > 0 && !detail::IsPathSeparator(path[nameStart - 1])) --nameStart;
+  while (nameStart > 0 && !base::IsPathSeparator(path[nameStart - 1])) --nameStart;
   FileName = path.substr(nameStart);
   const std::size_t dot = FileName.rfind(L'.');
   Name = FileName.substr(0, dot);

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/Deadline.h"
 #include "json/TextConversion.h"
 #include "pipe/detail/PacketFraming.h"
 #include "pipe/detail/PipeTransport.h"
@@ -19,8 +20,8 @@
 namespace Pendrel {
 namespace {
 
-using detail::Clock;
-using detail::Deadline;
+using base::Clock;
+using base::Deadline;
 using detail::ETransportFailure;
 using detail::MessageAssembler;
 using detail::PacketWriter;

@@ -14,35 +14,16 @@
 #include <thread>
 #include <utility>
 
+#include "base/SystemText.h"
+#include "base/UniqueFd.h"
 #include "handler/detail/ChildProcess.h"
-#include "message/detail/SystemText.h"
 
 extern char** environ;  // NOLINT: the environment handed to the handler as it is
 
 namespace CTolvane::detail {
 namespace {
 
-// Owner of one file descriptor; -1 means none.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : m_fd(fd) {}
-  ~Fd() { Reset(); }
-  Fd(Fd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    if (this != &other) Reset(std::exchange(other.m_fd, -1));
-    return *this;
-  }
-
-  int Get() const { return m_fd; }
-  void Reset(int fd = -1) {
-    if (m_fd >= 0) close(m_fd);
-    m_fd = fd;
-  }
-
- private:
-  int m_fd = -1;
-};
+using Pendrel::base::UniqueFd;
 
 // A descriptor that becomes readable when `pid` ends (Linux 5.3 and later; close-on-exec by
 // nature); -1 where the kernel has none, and the reaper then looks every 100 ms instead.
@@ -112,7 +93,7 @@ class Reaper {
  private:
   struct Entry {
     pid_t pid = 0;
-    Fd pidFd;
+    UniqueFd pidFd;
     std::function<void()> onExit;
     bool ended = false;      // collected, waiting for its owner to ask
     bool forgotten = false;  // the owner is gone
@@ -197,7 +178,7 @@ class Reaper {
   std::uint64_t m_nextToken = 1;             // guarded by m_mutex
   bool m_running = false;                    // guarded by m_mutex
   std::thread m_thread;                      // guarded by m_mutex
-  Fd m_wake;
+  UniqueFd m_wake;
 };
 
 // Spawn settings that leave nothing of the host in the handler but the environment, the
@@ -255,7 +236,7 @@ std::uint32_t ChildProcess::Start(const std::wstring& /*commandLine*/,
   std::vector<std::string> texts;
   texts.reserve(arguments.size());
   for (const std::wstring& argument : arguments) {
-    texts.push_back(Pendrel::detail::ToSystemText(argument));
+    texts.push_back(Pendrel::base::ToSystemText(argument));
   }
   std::vector<char*> argv;
   for (std::string& text : texts) argv.push_back(text.data());

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
+#include "base/Random.h"
 #include "json/TextConversion.h"
-#include "message/detail/Random.h"
 #include "protocol/HandlerProtocol.h"
 
 namespace CTolvane::detail {
@@ -74,7 +74,7 @@ std::vector<std::wstring> SplitArguments(const std::wstring& text) {
 }
 
 std::wstring MakePipeName() {
-  const std::uint64_t bits = Pendrel::detail::RandomBits();
+  const std::uint64_t bits = Pendrel::base::RandomBits();
   const auto first = static_cast<unsigned>(bits & 0x7FFF);
   const auto second = static_cast<unsigned>((bits >> 16) & 0x7FFF);
   return Pendrel::FormatWString(L"%X%X", first, second);

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include "base/Deadline.h"
 #include "handler/CHandler.h"
 #include "handler/detail/ChildProcess.h"
 #include "pipe/NamedPipeChannel.h"
@@ -27,20 +27,13 @@ struct Connection {
   ChildProcess child;
 };
 
-// Milliseconds of a clock that only goes forward.
-inline std::uint64_t NowTicks() {
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        std::chrono::steady_clock::now().time_since_epoch())
-                                        .count());
-}
-
 }  // namespace detail
 
 struct CHandler::State {
   std::atomic<std::int32_t> lastError{Ok};
   std::shared_ptr<detail::Connection> connection;
   std::atomic<std::int32_t> modeValue{0};
-  std::atomic<std::uint64_t> startTicks{detail::NowTicks()};
+  std::atomic<std::uint64_t> startTicks{Pendrel::base::MonotonicMs()};
 
   mutable std::mutex textMutex;  // guards the four fields below
   std::wstring sessionIdText;

@@ -3,28 +3,28 @@
 #include <cstdio>
 #include <sstream>
 
+#include "base/FileOpen.h"
 #include "handler/detail/HostSystem.h"
 #include "json/TextConversion.h"
-#include "message/detail/FileOpen.h"
 
 namespace CTolvane::detail {
 namespace {
 
-using Pendrel::detail::FilePtr;
+using Pendrel::base::FilePtr;
 
 std::wstring DefaultFolder() {
   static const std::wstring folder =
-      HostProgramFolder() + L"HarnockLogs" + Pendrel::detail::PreferredPathSeparator();
+      HostProgramFolder() + L"HarnockLogs" + Pendrel::base::PreferredPathSeparator();
   return folder;
 }
 
 // Opens (or creates) `fileName` in `folder` for appending and writes the local date and
 // time, without a line end: the caller's text follows on the same line.
 FilePtr OpenLogFile(const std::wstring& folder, const std::wstring& fileName) {
-  Pendrel::detail::CreateFolder(folder.substr(0, folder.size() - 1));
+  Pendrel::base::CreateFolder(folder.substr(0, folder.size() - 1));
   const std::wstring path = folder + fileName;
-  FilePtr file = Pendrel::detail::OpenFile(path, "ab");
-  if (!file) file = Pendrel::detail::OpenFile(path, "wb");
+  FilePtr file = Pendrel::base::OpenFile(path, "ab");
+  if (!file) file = Pendrel::base::OpenFile(path, "wb");
   if (!file) return nullptr;
   const LocalTime now = CurrentLocalTime();
   std::fprintf(file.get(), "%02d.%02d.%04d %02d:%02d:%02d", now.day, now.month, now.year, now.hour,

@@ -22,7 +22,7 @@
 
 #include <immintrin.h>  // AVX-512, BMI2, POPCNT
 
-#include "json/detail/CpuFeatures.h"
+#include "base/CpuFeatures.h"
 
 #include <cstdint>
 #include <string>   // std::char_traits
@@ -249,7 +249,7 @@ constexpr JsonTextKernels kAvx512{CopyEscaped, CopyUnescaped, FindStringEnd, Cop
 }  // namespace
 
 const JsonTextKernels* WideVectorJsonTextKernels() {
-  static const bool available = ProcessorHasAvx512Vbmi2();
+  static const bool available = base::ProcessorHasAvx512Vbmi2();
   return available ? &kAvx512 : nullptr;
 }
 

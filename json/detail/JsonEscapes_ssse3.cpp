@@ -16,7 +16,7 @@
 
 #include <tmmintrin.h>  // SSSE3
 
-#include "json/detail/CpuFeatures.h"
+#include "base/CpuFeatures.h"
 
 #include <cstdint>
 #include <string>   // std::char_traits
@@ -421,7 +421,7 @@ constexpr JsonTextKernels kSsse3{CopyEscaped, CopyUnescaped, FindStringEnd, Copy
 }  // namespace
 
 const JsonTextKernels* VectorJsonTextKernels() {
-  static const bool available = ProcessorHasSsse3();
+  static const bool available = base::ProcessorHasSsse3();
   return available ? &kSsse3 : nullptr;
 }
 

@@ -13,7 +13,7 @@
 
 #include <tmmintrin.h>  // SSSE3
 
-#include "json/detail/CpuFeatures.h"
+#include "base/CpuFeatures.h"
 
 #if defined(_MSC_VER) && !defined(__clang__)
 #define PENDREL_SSSE3
@@ -66,7 +66,7 @@ PENDREL_SSSE3 void EncodeSsse3(const unsigned char* in, std::size_t count, char*
 }  // namespace
 
 Base64GroupEncoder VectorBase64Encoder() {
-  static const bool available = ProcessorHasSsse3();
+  static const bool available = base::ProcessorHasSsse3();
   return available ? &EncodeSsse3 : nullptr;
 }
 

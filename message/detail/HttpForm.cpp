@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/Random.h"
 #include "json/TextConversion.h"
 #include "message/detail/Base64.h"
-#include "message/detail/Random.h"
 
 namespace Pendrel::detail {
 namespace {
@@ -72,9 +72,9 @@ void WriteMultipart(const std::vector<CMimeFile>& files, std::string& header, st
 
 std::string MakeBoundary() {
   unsigned char bytes[kBoundaryRandomBytes];
-  std::uint64_t bits = RandomBits();
+  std::uint64_t bits = base::RandomBits();
   for (std::size_t i = 0; i < kBoundaryRandomBytes; ++i) {
-    if (i == 8) bits = RandomBits();
+    if (i == 8) bits = base::RandomBits();
     bytes[i] = static_cast<unsigned char>(bits);
     bits >>= 8;
   }

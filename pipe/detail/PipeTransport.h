@@ -12,17 +12,14 @@
 // may be called from any thread at any time, also before Listen/Connect.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
 
-namespace Pendrel::detail {
+#include "base/Deadline.h"
 
-using Clock = std::chrono::steady_clock;
-// A point in time a wait gives up at; Clock::time_point::max() waits without limit.
-using Deadline = Clock::time_point;
+namespace Pendrel::detail {
 
 // Failure numbers of the channel's own making, reported after "#" like the system's error
 // numbers and equal on both platforms. They are Windows error numbers so that a Windows
@@ -73,7 +70,7 @@ class PipeTransport {
   // user, or one whose process id is not `expectedPid` (when non-zero), is disconnected
   // before any byte is exchanged and the wait goes on. Once a client is accepted, no other
   // can connect.
-  EAcceptResult Accept(std::uint32_t expectedPid, Deadline deadline, std::uint32_t& error);
+  EAcceptResult Accept(std::uint32_t expectedPid, base::Deadline deadline, std::uint32_t& error);
 
   // Client end: opens the endpoint `name` of a server of this user. Does not wait for a busy
   // or missing endpoint. Returns 0 or the system's error number.
@@ -88,7 +85,7 @@ class PipeTransport {
   // failed, Wake() was called or `deadline` passed, whichever comes first. Packets are
   // received whole up to `maxPacket` bytes; a larger one is a Read failure with
   // kTooLargeCode. `readSize` is the size expected of packets (a hint for buffers).
-  TransportEvents Wait(Deadline deadline, std::size_t readSize, std::size_t maxPacket);
+  TransportEvents Wait(base::Deadline deadline, std::size_t readSize, std::size_t maxPacket);
 
   // The packet reported by the last Wait(); valid until the next call of Wait().
   std::string_view Packet() const;

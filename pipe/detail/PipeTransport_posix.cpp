@@ -23,57 +23,19 @@
 #include <utility>
 #include <vector>
 
+#include "base/RetryOnEintr.h"
+#include "base/UniqueFd.h"
 #include "json/TextConversion.h"
 #include "pipe/detail/PipeTransport.h"
 
 namespace Pendrel::detail {
 namespace {
 
-// Owns a file descriptor; -1 means none.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : m_fd(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    Reset(std::exchange(other.m_fd, -1));
-    return *this;
-  }
-  ~UniqueFd() { Reset(); }
-
-  int Get() const { return m_fd; }
-  explicit operator bool() const { return m_fd >= 0; }
-  // Closing is not retried on EINTR: on Linux the descriptor is gone either way.
-  void Reset(int fd = -1) {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = fd;
-  }
-
- private:
-  int m_fd = -1;
-};
-
 // The one place where errno is read; called right after the failing call.
 std::uint32_t LastError() { return static_cast<std::uint32_t>(errno); }
 
-// Runs a system call again for as long as a signal interrupts it (for calls whose arguments
-// do not change with time).
-template <typename Call>
-auto RetryOnInterrupt(Call call) {
-  for (;;) {
-    const auto result = call();
-    if (result != -1 || LastError() != EINTR) return result;
-  }
-}
-
-// Milliseconds for poll(): rounded up so that a wait never ends just before its deadline.
-int PollTimeout(Deadline deadline) {
-  if (deadline == Deadline::max()) return -1;
-  const auto left = deadline - Clock::now();
-  if (left <= Clock::duration::zero()) return 0;
-  const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-  return ms > 1000 * 1000 ? 1000 * 1000 : static_cast<int>(ms);
-}
+using base::RetryOnEintr;
+using base::UniqueFd;
 
 struct EndpointPath {
   std::string folder;
@@ -134,10 +96,10 @@ std::uint32_t LockName(const std::string& lockPath, UniqueFd& lock) {
   // A server that is closing removes its lock file while holding it; a lock won on such a
   // removed file is worthless, so the file at the path must still be the locked one.
   for (int attempt = 0; attempt < 4; ++attempt) {
-    lock.Reset(RetryOnInterrupt(
+    lock.Reset(RetryOnEintr(
         [&] { return ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); }));
     if (!lock) return LastError();
-    if (RetryOnInterrupt([&] { return ::flock(lock.Get(), LOCK_EX | LOCK_NB); }) != 0) {
+    if (RetryOnEintr([&] { return ::flock(lock.Get(), LOCK_EX | LOCK_NB); }) != 0) {
       const std::uint32_t error = LastError();
       return error == EWOULDBLOCK ? EADDRINUSE : error;
     }
@@ -175,12 +137,12 @@ struct PipeTransport::Impl {
 
   void DrainWake() {
     eventfd_t ignored = 0;
-    RetryOnInterrupt([&] { return ::eventfd_read(wake.Get(), &ignored); });
+    RetryOnEintr([&] { return ::eventfd_read(wake.Get(), &ignored); });
   }
 
   // One attempt; `sendPending` stays set when the socket has no room yet.
   void TrySend() {
-    const ssize_t sent = RetryOnInterrupt([&] {
+    const ssize_t sent = RetryOnEintr([&] {
       return ::send(connection.Get(), outgoing.data(), outgoing.size(),
                     MSG_NOSIGNAL | MSG_DONTWAIT);
     });
@@ -198,7 +160,7 @@ struct PipeTransport::Impl {
 
   void ReadPacket(TransportEvents& events, std::size_t readSize, std::size_t maxPacket) {
     // The length of the next packet, without taking it.
-    const ssize_t length = RetryOnInterrupt(
+    const ssize_t length = RetryOnEintr(
         [&] { return ::recv(connection.Get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT); });
     if (length < 0) {
       const std::uint32_t error = LastError();
@@ -221,8 +183,8 @@ struct PipeTransport::Impl {
       return;
     }
     if (packet.size() < size || packet.size() < readSize) packet.resize(std::max(size, readSize));
-    const ssize_t got = RetryOnInterrupt(
-        [&] { return ::recv(connection.Get(), packet.data(), size, MSG_DONTWAIT); });
+    const ssize_t got =
+        RetryOnEintr([&] { return ::recv(connection.Get(), packet.data(), size, MSG_DONTWAIT); });
     if (got < 0) {
       const std::uint32_t error = LastError();
       if (error == EAGAIN || error == EWOULDBLOCK) return;
@@ -277,16 +239,14 @@ std::uint32_t PipeTransport::Listen(std::wstring_view name) {
   return 0;
 }
 
-EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline,
+EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, base::Deadline deadline,
                                     std::uint32_t& error) {
   Impl& impl = *m_impl;
   for (;;) {
     pollfd fds[2] = {{impl.listener.Get(), POLLIN, 0}, {impl.wake.Get(), POLLIN, 0}};
-    const int ready = ::poll(fds, 2, PollTimeout(deadline));
-    if (ready < 0) {
-      const std::uint32_t failure = LastError();
-      if (failure == EINTR) continue;  // the time-out is recomputed
-      error = failure;
+    // The time-out is computed inside the call, so an interrupted wait waits only for the rest.
+    if (RetryOnEintr([&] { return ::poll(fds, 2, base::PollTimeoutMs(deadline)); }) < 0) {
+      error = LastError();
       return EAcceptResult::Failed;
     }
     if (fds[1].revents & POLLIN) {
@@ -298,7 +258,7 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline
       return EAcceptResult::Failed;
     }
     if (fds[0].revents & POLLIN) {
-      UniqueFd client(RetryOnInterrupt([&] {
+      UniqueFd client(RetryOnEintr([&] {
         return ::accept4(impl.listener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
       }));
       if (!client) {
@@ -316,7 +276,7 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline
       }
       // A refused client is closed here, before any byte was exchanged.
     }
-    if (Clock::now() >= deadline) return EAcceptResult::TimedOut;
+    if (base::Passed(deadline)) return EAcceptResult::TimedOut;
   }
 }
 
@@ -331,7 +291,7 @@ std::uint32_t PipeTransport::Connect(std::wstring_view name) {
   const sockaddr_un address = SocketAddress(path.socket);
   // On a local socket connect() completes at once or fails (EAGAIN: the server's backlog is
   // full); it is never in progress.
-  if (RetryOnInterrupt([&] {
+  if (RetryOnEintr([&] {
         return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address),
                          sizeof(address));
       }) != 0) {
@@ -356,7 +316,7 @@ bool PipeTransport::Sending() const {
   return impl.sendPending || impl.sendDone || impl.sendError != 0;
 }
 
-TransportEvents PipeTransport::Wait(Deadline deadline, std::size_t readSize,
+TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSize,
                                     std::size_t maxPacket) {
   Impl& impl = *m_impl;
   TransportEvents events;
@@ -379,14 +339,12 @@ TransportEvents PipeTransport::Wait(Deadline deadline, std::size_t readSize,
   pollfd fds[2] = {
       {impl.connection.Get(), static_cast<short>(POLLIN | (impl.sendPending ? POLLOUT : 0)), 0},
       {impl.wake.Get(), POLLIN, 0}};
-  for (;;) {
-    // Not RetryOnInterrupt: the time-out is recomputed on every attempt.
-    if (::poll(fds, 2, reportSent ? 0 : PollTimeout(deadline)) >= 0) break;
-    if (const std::uint32_t error = LastError(); error != EINTR) {
-      events.failure = ETransportFailure::Probe;
-      events.code = error;
-      return events;
-    }
+  // The time-out is computed inside the call, so an interrupted wait waits only for the rest.
+  const auto wait = [&] { return ::poll(fds, 2, reportSent ? 0 : base::PollTimeoutMs(deadline)); };
+  if (RetryOnEintr(wait) < 0) {
+    events.failure = ETransportFailure::Probe;
+    events.code = LastError();
+    return events;
   }
   if (fds[1].revents & POLLIN) impl.DrainWake();
   const short connection = fds[0].revents;
@@ -440,7 +398,7 @@ void PipeTransport::Disconnect() {
 void PipeTransport::Wake() noexcept {
   if (m_impl->wake) {
     // Only fails when the counter is near overflow, when a wake-up is pending anyway.
-    RetryOnInterrupt([&] { return ::eventfd_write(m_impl->wake.Get(), 1); });
+    RetryOnEintr([&] { return ::eventfd_write(m_impl->wake.Get(), 1); });
   }
 }
 

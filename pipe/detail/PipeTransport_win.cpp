@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/Deadline.h"
+#include "base/ScopedHandle_win.h"
 #include "pipe/detail/PipeTransport.h"
 
 namespace Pendrel::detail {
@@ -28,28 +30,10 @@ constexpr DWORD kPipeBufferSize = 65536;
 // numbers in old logs are.
 constexpr std::uint32_t kCompletionOffset = 10000;
 
-// Owns a kernel handle; null and INVALID_HANDLE_VALUE both mean none.
-class UniqueHandle {
- public:
-  UniqueHandle() = default;
-  explicit UniqueHandle(HANDLE handle) : m_handle(handle) {}
-  UniqueHandle(UniqueHandle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
-  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
-    Reset(std::exchange(other.m_handle, nullptr));
-    return *this;
-  }
-  ~UniqueHandle() { Reset(); }
-
-  HANDLE Get() const { return m_handle; }
-  explicit operator bool() const { return m_handle != nullptr && m_handle != INVALID_HANDLE_VALUE; }
-  void Reset(HANDLE handle = nullptr) {
-    if (*this) ::CloseHandle(m_handle);
-    m_handle = handle;
-  }
-
- private:
-  HANDLE m_handle = nullptr;
-};
+using base::ScopedFileHandle;
+using base::ScopedKernelHandle;
+// base::WaitTimeoutMs speaks of INFINITE without the Windows headers.
+static_assert(base::kWaitForever == INFINITE);
 
 // The one place where the system's error number is read; called right after the failing
 // call.
@@ -58,15 +42,6 @@ std::uint32_t LastError() { return static_cast<std::uint32_t>(::GetLastError());
 // The other end has gone (or never really came): reported like a failed look for data.
 bool IsPeerGone(std::uint32_t error) {
   return error == ERROR_BROKEN_PIPE || error == ERROR_PIPE_NOT_CONNECTED || error == ERROR_NO_DATA;
-}
-
-// Milliseconds to wait: rounded up so that a wait never ends just before its deadline.
-DWORD WaitTimeout(Deadline deadline) {
-  if (deadline == Deadline::max()) return INFINITE;
-  const auto left = deadline - Clock::now();
-  if (left <= Clock::duration::zero()) return 0;
-  const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-  return ms >= INFINITE ? INFINITE - 1 : static_cast<DWORD>(ms);
 }
 
 std::wstring PipePath(std::wstring_view name) { return L"\\\\.\\pipe\\" + std::wstring(name); }
@@ -84,7 +59,7 @@ class PrivateSecurity {
   std::uint32_t Build() {
     HANDLE rawToken = nullptr;
     if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &rawToken)) return LastError();
-    const UniqueHandle token(rawToken);
+    const ScopedKernelHandle token(rawToken);
     DWORD size = 0;
     ::GetTokenInformation(token.Get(), TokenUser, nullptr, 0, &size);
     if (size == 0) return LastError();
@@ -131,7 +106,7 @@ class PrivateSecurity {
 
 // One kind of overlapped operation (connect, read or write), at most one in flight.
 struct Operation {
-  UniqueHandle event;  // manual-reset, as overlapped I/O requires
+  ScopedKernelHandle event;  // manual-reset, as overlapped I/O requires
   OVERLAPPED overlapped{};
   bool pending = false;
 
@@ -148,9 +123,9 @@ struct Operation {
 }  // namespace
 
 struct PipeTransport::Impl {
-  UniqueHandle wake;  // auto-reset: one wake-up ends one wait
+  ScopedKernelHandle wake;  // auto-reset: one wake-up ends one wait
   std::uint32_t wakeError = 0;
-  UniqueHandle pipe;
+  ScopedFileHandle pipe;
   Operation connect;
   Operation read;
   Operation write;
@@ -298,7 +273,7 @@ std::uint32_t PipeTransport::Listen(std::wstring_view name) {
   return impl.CreateEvents();
 }
 
-EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline,
+EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, base::Deadline deadline,
                                     std::uint32_t& error) {
   Impl& impl = *m_impl;
   for (;;) {
@@ -323,7 +298,8 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline
     }
     if (impl.connect.pending) {
       const HANDLE handles[] = {impl.connect.event.Get(), impl.wake.Get()};
-      const DWORD result = ::WaitForMultipleObjects(2, handles, FALSE, WaitTimeout(deadline));
+      const DWORD result =
+          ::WaitForMultipleObjects(2, handles, FALSE, base::WaitTimeoutMs(deadline));
       if (result == WAIT_OBJECT_0) {
         impl.connect.pending = false;
         DWORD ignored = 0;
@@ -349,7 +325,7 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, Deadline deadline
       // Not a byte has been read or written; the client sees its pipe broken.
       ::DisconnectNamedPipe(impl.pipe.Get());
     }
-    if (Clock::now() >= deadline) {
+    if (base::Passed(deadline)) {
       if (impl.connect.pending) impl.CancelConnect();
       return EAcceptResult::TimedOut;
     }
@@ -390,7 +366,7 @@ void PipeTransport::Send(std::string_view packet) {
 
 bool PipeTransport::Sending() const { return m_impl->write.pending || m_impl->writeError != 0; }
 
-TransportEvents PipeTransport::Wait(Deadline deadline, std::size_t readSize,
+TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSize,
                                     std::size_t maxPacket) {
   Impl& impl = *m_impl;
   TransportEvents events;
@@ -419,7 +395,7 @@ TransportEvents PipeTransport::Wait(Deadline deadline, std::size_t readSize,
   // What has completed already is collected without sleeping.
   const bool ready = impl.read.Completed() || (impl.write.pending && impl.write.Completed());
   const DWORD result =
-      ::WaitForMultipleObjects(count, handles, FALSE, ready ? 0 : WaitTimeout(deadline));
+      ::WaitForMultipleObjects(count, handles, FALSE, ready ? 0 : base::WaitTimeoutMs(deadline));
   if (result == WAIT_FAILED) {
     events.failure = ETransportFailure::Probe;
     events.code = LastError();

@@ -24,9 +24,11 @@ foreach(name ${required})
   endif()
 endforeach()
 
-# Internal layers: text helpers, JSON tree and parser, the pipe channel, private details.
+# Internal layers: text helpers, JSON tree and parser, the pipe channel, private details, the
+# basic utilities of base/.
 set(forbidden "Utf16ToUtf8" "Utf8ToUtf16" "FormatString" "FormatWString" "ToUpperW"
-    "detail::" "JsonValue" "ParseJson" "WriteJson" "EscapeJsonText" "NamedPipeChannel")
+    "detail::" "Pendrel::base::" "JsonValue" "ParseJson" "WriteJson" "EscapeJsonText"
+    "NamedPipeChannel")
 foreach(name ${forbidden})
   string(FIND "${table}" "${name}" at)
   if(NOT at EQUAL -1)

@@ -3,13 +3,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iterator>
 #include <thread>
 
+#include "base/RetryOnEintr.h"
 #include "tests/cli/CliProcess.h"
 #include "tests/support/TempDir.h"
 
@@ -28,9 +28,10 @@ int WaitFor(pid_t pid) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(90);
   int status = 0;
   for (;;) {
-    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    const pid_t done =
+        Pendrel::base::RetryOnEintr([&] { return ::waitpid(pid, &status, WNOHANG); });
     if (done == pid) break;
-    if (done < 0 && errno != EINTR) return -1;
+    if (done < 0) return -1;
     if (std::chrono::steady_clock::now() > deadline) {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, &status, 0);

@@ -25,8 +25,8 @@
 
 namespace pendrel_test {
 
-using Pendrel::detail::Clock;
-using Pendrel::detail::Deadline;
+using Pendrel::base::Clock;
+using Pendrel::base::Deadline;
 using Pendrel::detail::ETransportFailure;
 
 std::wstring UniquePipeName() { return UniqueTestPipeName("pt"); }

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/Deadline.h"
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
 #include "tests/support/TestProcess.h"
@@ -57,7 +58,7 @@ class RawClient {
   void Disconnect() { m_transport.Disconnect(); }
 
  private:
-  void Pump(Pendrel::detail::Deadline deadline);
+  void Pump(Pendrel::base::Deadline deadline);
 
   Pendrel::detail::PipeTransport m_transport;
   std::deque<std::string> m_received;

@@ -11,13 +11,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 
+#include "base/Deadline.h"
+#include "base/RetryOnEintr.h"
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
@@ -50,9 +51,10 @@ int RunClientAs(const passwd& user, const std::string& socketPath) {
   const auto deadline = std::chrono::steady_clock::now() + 20s;
   for (;;) {
     int status = 0;
-    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    const pid_t done =
+        Pendrel::base::RetryOnEintr([&] { return ::waitpid(pid, &status, WNOHANG); });
     if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if ((done == -1 && errno != EINTR) || std::chrono::steady_clock::now() > deadline) {
+    if (done == -1 || std::chrono::steady_clock::now() > deadline) {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, &status, 0);
       return -1;
@@ -123,9 +125,9 @@ TEST(PipeOtherUser, CannotConnectEvenWhenTheFolderIsOpened) {
   EXPECT_EQ(connectError, 0u);
   EXPECT_TRUE(connected);
   server.Post("for the real client");
-  const auto deadline = Pendrel::detail::Clock::now() + 5s;
+  const auto deadline = Pendrel::base::Clock::now() + 5s;
   bool received = false;
-  while (!received && Pendrel::detail::Clock::now() < deadline) {
+  while (!received && Pendrel::base::Clock::now() < deadline) {
     received = client.Wait(deadline, 32768, 1 << 20).received;
   }
   EXPECT_TRUE(received);

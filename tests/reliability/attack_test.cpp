@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "base/Deadline.h"
 #include "handler/CHandler.h"
 #include "handler/detail/HandlerSettings.h"
 #include "pipe/detail/PacketFraming.h"
@@ -25,7 +26,7 @@ namespace pendrel_reliability {
 namespace {
 
 using CTolvane::Ok;
-using Pendrel::detail::Clock;
+using Pendrel::base::Clock;
 using Pendrel::detail::PipeTransport;
 
 std::string ReadAll(const std::filesystem::path& file) {

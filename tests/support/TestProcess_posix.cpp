@@ -3,10 +3,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <thread>
 
-#include "message/detail/SystemText.h"
+#include "base/RetryOnEintr.h"
+#include "base/SystemText.h"
 #include "tests/support/TestProcess.h"
 
 extern char** environ;  // NOLINT: the test's environment, passed on as it is
@@ -27,7 +27,7 @@ TestProcess::TestProcess(const std::wstring&, const std::vector<std::wstring>& a
   if (arguments.empty()) return;
   std::vector<std::string> texts;
   for (const std::wstring& argument : arguments) {
-    texts.push_back(Pendrel::detail::ToSystemText(argument));
+    texts.push_back(Pendrel::base::ToSystemText(argument));
   }
   std::vector<char*> argv;
   for (std::string& text : texts) argv.push_back(text.data());
@@ -43,8 +43,7 @@ TestProcess::~TestProcess() {
   if (Wait(std::chrono::seconds(10)) == -1) {
     ::kill(m_impl->pid, SIGKILL);
     int status = 0;
-    while (::waitpid(m_impl->pid, &status, 0) == -1 && errno == EINTR) {
-    }
+    Pendrel::base::RetryOnEintr([&] { return ::waitpid(m_impl->pid, &status, 0); });
   }
 }
 
@@ -58,13 +57,14 @@ int TestProcess::Wait(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     int status = 0;
-    const pid_t done = ::waitpid(m_impl->pid, &status, WNOHANG);
+    const pid_t done =
+        Pendrel::base::RetryOnEintr([&] { return ::waitpid(m_impl->pid, &status, WNOHANG); });
     if (done == m_impl->pid) {
       m_impl->ended = true;
       m_impl->exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
       return m_impl->exitCode;
     }
-    if (done == -1 && errno != EINTR) return -1;
+    if (done == -1) return -1;
     if (std::chrono::steady_clock::now() >= deadline) return -1;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }

@@ -5,8 +5,8 @@
 
 namespace pendrel_test {
 
-using Pendrel::detail::Clock;
-using Pendrel::detail::Deadline;
+using Pendrel::base::Clock;
+using Pendrel::base::Deadline;
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/Deadline.h"
 #include "pipe/detail/PipeTransport.h"
 
 namespace pendrel_test {
@@ -41,7 +42,7 @@ class RawPipe {
                                 std::string_view payload);
 
  private:
-  void Pump(Pendrel::detail::Deadline deadline);
+  void Pump(Pendrel::base::Deadline deadline);
 
   Pendrel::detail::PipeTransport m_transport;
   std::deque<std::string> m_packets;

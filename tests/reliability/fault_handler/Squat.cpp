@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "base/Deadline.h"
 #include "pipe/detail/PipeTransport.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
 
@@ -17,7 +18,7 @@ int SquatWithTransport(const std::wstring& name, const std::string& reportFile,
   Pendrel::detail::PipeTransport endpoint;
   if (endpoint.Listen(name) != 0) return kExitSquatFailed;
   Report(reportFile, "ready");
-  const Pendrel::detail::Deadline deadline = Pendrel::detail::Clock::now() + lifetime;
+  const Pendrel::base::Deadline deadline = Pendrel::base::Clock::now() + lifetime;
   for (;;) {
     std::uint32_t error = 0;
     switch (endpoint.Accept(0, deadline, error)) {

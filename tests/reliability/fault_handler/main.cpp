@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/Deadline.h"
 #include "json/TextConversion.h"
 #include "message/CRequest.h"
 #include "message/CResponse.h"
@@ -26,8 +27,8 @@ namespace pendrel_fault {
 namespace {
 
 using namespace std::chrono_literals;
-using Pendrel::detail::Clock;
-using Pendrel::detail::Deadline;
+using Pendrel::base::Clock;
+using Pendrel::base::Deadline;
 using Pendrel::detail::kPacketHeaderSize;
 using Pendrel::detail::MessageAssembler;
 using Pendrel::detail::PacketWriter;

@@ -1,9 +1,9 @@
-#include "message/detail/Random.h"
+#include "base/Random.h"
 
 #include <mutex>
 #include <random>
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 std::uint64_t RandomBits() {
   static std::mutex mutex;
@@ -16,4 +16,4 @@ std::uint64_t RandomBits() {
   return generator();
 }
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

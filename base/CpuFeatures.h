@@ -3,7 +3,7 @@
 // processors other than x86 the answer is always no.
 #pragma once
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 bool ProcessorHasSsse3();
 
@@ -11,4 +11,4 @@ bool ProcessorHasSsse3();
 // operating system.
 bool ProcessorHasAvx512Vbmi2();
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

@@ -2,10 +2,10 @@
 
 #include <cstdio>
 
-#include "message/detail/FileOpen.h"
-#include "message/detail/SystemText.h"
+#include "base/FileOpen.h"
+#include "base/SystemText.h"
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 FilePtr OpenFile(const std::wstring& path, const char* mode) {
   // "e": O_CLOEXEC, so a handler started meanwhile does not inherit the descriptor.
@@ -19,4 +19,4 @@ wchar_t PreferredPathSeparator() { return L'/'; }
 
 void CreateFolder(const std::wstring& path) { mkdir(ToSystemText(path).c_str(), 0777); }
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

@@ -1,11 +1,11 @@
-#include "json/detail/CpuFeatures.h"
+#include "base/CpuFeatures.h"
 
 #if defined(_MSC_VER) && !defined(__clang__) && (defined(_M_X64) || defined(_M_IX86))
 #include <immintrin.h>  // _xgetbv
 #include <intrin.h>     // __cpuid, __cpuidex
 #endif
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 #if defined(_MSC_VER) && !defined(__clang__) && (defined(_M_X64) || defined(_M_IX86))
 
@@ -56,4 +56,4 @@ bool ProcessorHasAvx512Vbmi2() { return false; }
 
 #endif
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

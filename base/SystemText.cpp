@@ -1,6 +1,6 @@
-#include "message/detail/SystemText.h"
+#include "base/SystemText.h"
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 namespace {
 
 bool IsHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
@@ -42,4 +42,4 @@ std::string ToSystemText(const std::wstring& text) {
   return out;
 }
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

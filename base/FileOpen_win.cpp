@@ -1,9 +1,9 @@
 #include <stdio.h>    // _wfopen
 #include <windows.h>  // CreateDirectoryW
 
-#include "message/detail/FileOpen.h"
+#include "base/FileOpen.h"
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 FilePtr OpenFile(const std::wstring& path, const char* mode) {
   std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
@@ -18,4 +18,4 @@ wchar_t PreferredPathSeparator() { return L'\\'; }
 
 void CreateFolder(const std::wstring& path) { CreateDirectoryW(path.c_str(), nullptr); }
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

@@ -6,10 +6,10 @@
 
 #include <string>
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 // UTF-8 of `text`: surrogate pairs of a 16-bit wchar_t are combined; lone surrogates and
 // values beyond Unicode are dropped.
 std::string ToSystemText(const std::wstring& text);
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
@@ -32,4 +32,4 @@ wchar_t PreferredPathSeparator();
 // nothing is reported either way.
 void CreateFolder(const std::wstring& path);
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base

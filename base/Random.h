@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
-namespace Pendrel::detail {
+namespace Pendrel::base {
 
 // 64 random bits from a generator seeded once from std::random_device. Safe to call from
 // several threads at once.
 std::uint64_t RandomBits();
 
-}  // namespace Pendrel::detail
+}  // namespace Pendrel::base
