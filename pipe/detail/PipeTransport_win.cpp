@@ -26,8 +26,8 @@ namespace {
 // held up packet by packet while the reader is busy.
 constexpr DWORD kPipeBufferSize = 65536;
 
-// Completion failures are told apart from failures to start a read by this offset, as the
-// numbers in old logs are.
+// A read that fails on completion is reported as this offset plus the error number, so that
+// a reader of the log tells it apart from a read that could not be started.
 constexpr std::uint32_t kCompletionOffset = 10000;
 
 using base::ScopedFileHandle;
