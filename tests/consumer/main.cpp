@@ -5,6 +5,9 @@
 #include "message/CRequest.h"
 #include "message/CResponse.h"
 
+// Built with C++14 as the compiler's default: the package's targets must raise it.
+static_assert(__cplusplus >= 201703L, "pendrel::pendrel asks for C++17");
+
 int main() {
   Pendrel::CRequest request;
   request.Command = Pendrel::SIMPLEX;
