@@ -156,7 +156,7 @@ class NamedPipeChannel {
   // Packet size; the server end raises it to the size of a larger packet a client sends.
   std::uint32_t PacketSize() const;
   void SetPacketSize(std::uint32_t bytes);
-  // How long Open waits for the connection. Lowered by tests only.
+  // How long Open and WaitForConnection wait for the connection.
   std::uint32_t OpenTimeLimitMs() const;
   void SetOpenTimeLimitMs(std::uint32_t milliseconds);
   // Largest message accepted; a larger one (announced or received) is a read failure.

@@ -20,6 +20,7 @@
 #include "message/CResponse.h"
 #include "pipe/detail/PacketFraming.h"
 #include "pipe/detail/PipeTransport.h"
+#include "protocol/HandlerProtocol.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
 #include "tests/reliability/fault_handler/Squat.h"
 
@@ -83,16 +84,33 @@ bool ReadNumber(const char* text, std::optional<Number>& value) {
 
 std::wstring Wide(std::string_view text) { return std::wstring(text.begin(), text.end()); }
 
+// Whether `argument` is the start argument `which`; its value then goes to `value`.
+bool IsStartArgument(std::string_view argument, Pendrel::protocol::EStartArgument which,
+                     std::string_view& value) {
+  const std::wstring_view prefix = Pendrel::protocol::StartArgumentPrefix(which);
+  if (argument.size() < prefix.size()) return false;
+  for (std::size_t i = 0; i < prefix.size(); ++i) {
+    if (static_cast<wchar_t>(argument[i]) != prefix[i]) return false;
+  }
+  value = argument.substr(prefix.size());
+  return true;
+}
+
 bool ParseOptions(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view argument = argv[i];
     const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
     bool ok = true;
-    if (argument.rfind("_MN_=", 0) == 0) {
-      options.pipeName = Wide(argument.substr(5));
+    using Pendrel::protocol::EStartArgument;
+    std::string_view value;
+    if (IsStartArgument(argument, EStartArgument::PipeName, value)) {
+      options.pipeName = Wide(value);
       continue;
     }
-    if (argument.rfind("_DM_=", 0) == 0 || argument.rfind("_EX_=", 0) == 0) continue;
+    if (IsStartArgument(argument, EStartArgument::Mode, value) ||
+        IsStartArgument(argument, EStartArgument::ExValue, value)) {
+      continue;
+    }
     if (argument == "--packet-size") {
       ok = ReadNumber(next, options.packetSize) && options.packetSize > kPacketHeaderSize;
     } else if (argument == "--delay-ms") {
