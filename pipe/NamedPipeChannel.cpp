@@ -130,10 +130,13 @@ struct NamedPipeChannel::Impl {
   std::thread worker;
 
   // Worker.
+  struct Transfer;
   void RunWorker() noexcept;
   bool WaitForClient();
   bool AcceptClient(detail::PipeTransport& pipe);
   void Exchange();
+  void SendNext(detail::PipeTransport& pipe, Transfer& transfer, milliseconds limit);
+  CChannelFailure Receive(std::string_view packet, Transfer& transfer);
   bool TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
   void Deliver(std::string message);
@@ -254,74 +257,100 @@ void NamedPipeChannel::Impl::MessageWritten() {
   changed.notify_all();
 }
 
+// What the worker has in hand between two waits: the message being written and the one
+// being read, with their time limits.
+struct NamedPipeChannel::Impl::Transfer {
+  PacketWriter writer;
+  MessageAssembler assembler;
+  Clock::time_point lastPacket{};             // when the last packet of the message being read came
+  Deadline packetDeadline = Deadline::max();  // for the packet being written
+
+  // When the next wait must end: a gap of more than `limit` between two packets of one
+  // message fails, so the wait runs just past it; a packet must be written within `limit`.
+  Deadline WaitDeadline(milliseconds limit, bool sending) const {
+    Deadline deadline = Deadline::max();
+    if (assembler.InMessage()) deadline = lastPacket + limit + milliseconds(1);
+    if (sending) deadline = std::min(deadline, packetDeadline);
+    return deadline;
+  }
+
+  // The time limit that has passed, if any.
+  CChannelFailure CheckTimeLimits(milliseconds limit, bool sending) const {
+    const Clock::time_point now = Clock::now();
+    if (assembler.InMessage() && now - lastPacket > limit) {
+      return {EChannelFailure::PacketTimedOut, assembler.Remaining()};
+    }
+    if (sending && now >= packetDeadline) {
+      return {EChannelFailure::WriteFailed, detail::kTimedOutCode};
+    }
+    return {};
+  }
+};
+
+// Starts writing the next packet when the pipe is free, taking the next queued message when
+// the last one has gone; reports a flush once nothing is left to write.
+void NamedPipeChannel::Impl::SendNext(detail::PipeTransport& pipe, Transfer& transfer,
+                                      milliseconds limit) {
+  if (!transfer.writer.Active()) TakeNextMessage(transfer.writer);
+  if (transfer.writer.Active() && !pipe.Sending()) {
+    pipe.Send(transfer.writer.CurrentPacket());
+    transfer.packetDeadline = Clock::now() + limit;
+  }
+  if (!transfer.writer.Active()) ReportFlush();
+}
+
+// Adds one received packet to the message being read and delivers the message it completes.
+CChannelFailure NamedPipeChannel::Impl::Receive(std::string_view packet, Transfer& transfer) {
+  // A handler may use larger packets than ours; the server end adopts their size.
+  if (end == EPipeEnd::Server && packet.size() > packetSize) {
+    packetSize = static_cast<std::uint32_t>(packet.size());
+  }
+  transfer.lastPacket = Clock::now();
+  switch (transfer.assembler.Add(packet, WirePacketSize(packetSize), maxMessageSize)) {
+    case MessageAssembler::EStep::Complete:
+      Deliver(transfer.assembler.TakeMessage());
+      break;
+    case MessageAssembler::EStep::Partial:
+      break;
+    case MessageAssembler::EStep::Invalid:
+      return {EChannelFailure::ReadFailed, detail::kInvalidDataCode};
+    case MessageAssembler::EStep::TooLarge:
+      return {EChannelFailure::ReadFailed, detail::kTooLargeCode};
+  }
+  return {};
+}
+
 // Reads and writes at the same time, so that two ends that both send large messages cannot
 // block each other; one message is written at a time, packet after packet. Returns when
 // Close tells it to or a transfer fails (the failure set).
 void NamedPipeChannel::Impl::Exchange() {
   detail::PipeTransport& pipe = *transport;
-  const bool server = end == EPipeEnd::Server;
-  PacketWriter writer;
-  MessageAssembler assembler;
-  Clock::time_point lastPacket{};
-  Deadline packetDeadline = Deadline::max();
-
+  Transfer transfer;
   for (;;) {
     {
       const std::lock_guard<std::mutex> lock(mutex);
       if (state == EChannelState::Stopping) return;
     }
     const milliseconds limit(timeLimitMs.load());
-    if (!writer.Active()) TakeNextMessage(writer);
-    if (writer.Active() && !pipe.Sending()) {
-      pipe.Send(writer.CurrentPacket());
-      packetDeadline = Clock::now() + limit;
-    }
-    if (!writer.Active()) ReportFlush();
-
-    Deadline deadline = Deadline::max();
-    // A gap of more than the limit fails, so the wait runs just past it.
-    if (assembler.InMessage()) deadline = lastPacket + limit + milliseconds(1);
-    if (pipe.Sending()) deadline = std::min(deadline, packetDeadline);
+    SendNext(pipe, transfer, limit);
     const std::uint32_t wireSize = WirePacketSize(packetSize);
     const detail::TransportEvents events =
-        pipe.Wait(deadline, wireSize, MaxPacketSize(wireSize, maxMessageSize));
+        pipe.Wait(transfer.WaitDeadline(limit, pipe.Sending()), wireSize,
+                  MaxPacketSize(wireSize, maxMessageSize));
 
     // A packet that arrived is handled before a failure seen in the same wait, so that a
     // message sent just before the peer left is still delivered.
-    if (events.received) {
-      const std::string_view packet = pipe.Packet();
-      // A handler may use larger packets than ours; the server end adopts their size.
-      if (server && packet.size() > packetSize) {
-        packetSize = static_cast<std::uint32_t>(packet.size());
-      }
-      lastPacket = Clock::now();
-      switch (assembler.Add(packet, WirePacketSize(packetSize), maxMessageSize)) {
-        case MessageAssembler::EStep::Complete:
-          Deliver(assembler.TakeMessage());
-          break;
-        case MessageAssembler::EStep::Partial:
-          break;
-        case MessageAssembler::EStep::Invalid:
-          Fail(EChannelFailure::ReadFailed, detail::kInvalidDataCode);
-          return;
-        case MessageAssembler::EStep::TooLarge:
-          Fail(EChannelFailure::ReadFailed, detail::kTooLargeCode);
-          return;
-      }
+    CChannelFailure failure;
+    if (events.received) failure = Receive(pipe.Packet(), transfer);
+    if (failure.Failure == EChannelFailure::None && events.failure != ETransportFailure::None) {
+      failure = {FailureOfTransfer(events.failure), events.code};
     }
-    if (events.failure != ETransportFailure::None) {
-      Fail(FailureOfTransfer(events.failure), events.code);
-      return;
+    if (failure.Failure == EChannelFailure::None) {
+      if (events.sent && transfer.writer.PacketSent()) MessageWritten();
+      failure = transfer.CheckTimeLimits(limit, pipe.Sending());
     }
-    if (events.sent && writer.PacketSent()) MessageWritten();
-
-    const Clock::time_point now = Clock::now();
-    if (assembler.InMessage() && now - lastPacket > limit) {
-      Fail(EChannelFailure::PacketTimedOut, assembler.Remaining());
-      return;
-    }
-    if (pipe.Sending() && now >= packetDeadline) {
-      Fail(EChannelFailure::WriteFailed, detail::kTimedOutCode);
+    if (failure.Failure != EChannelFailure::None) {
+      Fail(failure.Failure, failure.Code);
       return;
     }
   }
