@@ -29,10 +29,7 @@ namespace PendrelKit {
 // A request, one kind per command word of the protocol (same names, same order), or none.
 enum class EMessageKind {
   Request,  // a request's JSON document
-#define PENDREL_KIT_MESSAGE_KIND(name, word) name,
-  PENDREL_PROTOCOL_COMMANDS(PENDREL_KIT_MESSAGE_KIND)
-#undef PENDREL_KIT_MESSAGE_KIND
-      Unknown,
+  PENDREL_PROTOCOL_COMMANDS(PENDREL_PROTOCOL_ENUMERATOR) Unknown,
 };
 
 // A request when `message` starts with "{"; otherwise the kind whose command word equals

@@ -24,6 +24,11 @@
 
 namespace Pendrel::protocol {
 
+// Expanders of the lists below: an enumerator, a narrow text, a wide text.
+#define PENDREL_PROTOCOL_ENUMERATOR(name, text) name,
+#define PENDREL_PROTOCOL_NARROW(name, text) text,
+#define PENDREL_PROTOCOL_WIDE(name, text) L"" text,
+
 // --- Packets -------------------------------------------------------------------------------
 // A message travels as packets of P bytes, P = max(packet size, kMinPacketSize): an 8-byte
 // header of two little-endian 32-bit words (packets still to come after this one, payload
@@ -71,17 +76,10 @@ inline constexpr std::uint32_t kConnectTimeLimitMs = 10000;
   X(Mode, "_DM_=")     /* the host's mode number, decimal */ \
   X(ExValue, "_EX_=")  /* always kExValue */
 
-enum class EStartArgument {
-#define PENDREL_PROTOCOL_ENUM(name, text) name,
-  PENDREL_PROTOCOL_START_ARGUMENTS(PENDREL_PROTOCOL_ENUM)
-#undef PENDREL_PROTOCOL_ENUM
-};
+enum class EStartArgument { PENDREL_PROTOCOL_START_ARGUMENTS(PENDREL_PROTOCOL_ENUMERATOR) };
 
 inline constexpr std::wstring_view kStartArgumentPrefixes[] = {
-#define PENDREL_PROTOCOL_TEXT(name, text) L"" text,
-    PENDREL_PROTOCOL_START_ARGUMENTS(PENDREL_PROTOCOL_TEXT)
-#undef PENDREL_PROTOCOL_TEXT
-};
+    PENDREL_PROTOCOL_START_ARGUMENTS(PENDREL_PROTOCOL_WIDE)};
 
 // "_MN_=", "_DM_=" or "_EX_=".
 constexpr std::wstring_view StartArgumentPrefix(EStartArgument argument) {
@@ -102,17 +100,10 @@ inline constexpr int kExValue = 2;
   X(CreateSession, "OnCreateSession")        /* the session keys below; an answer */     \
   X(CloseSession, "OnCloseSession")          /* no answer */
 
-enum class ECommand {
-#define PENDREL_PROTOCOL_ENUM(name, text) name,
-  PENDREL_PROTOCOL_COMMANDS(PENDREL_PROTOCOL_ENUM)
-#undef PENDREL_PROTOCOL_ENUM
-};
+enum class ECommand { PENDREL_PROTOCOL_COMMANDS(PENDREL_PROTOCOL_ENUMERATOR) };
 
 inline constexpr std::string_view kCommandWords[] = {
-#define PENDREL_PROTOCOL_TEXT(name, text) text,
-    PENDREL_PROTOCOL_COMMANDS(PENDREL_PROTOCOL_TEXT)
-#undef PENDREL_PROTOCOL_TEXT
-};
+    PENDREL_PROTOCOL_COMMANDS(PENDREL_PROTOCOL_NARROW)};
 
 inline constexpr std::size_t kCommandCount = std::size(kCommandWords);
 
@@ -139,24 +130,13 @@ inline constexpr char kQueryAssign = '=';
   X(LogFileName, "LogFileName")         \
   X(TaskTimeoutS, "TaskTimeoutS")
 
-enum class EQueryKey {
-#define PENDREL_PROTOCOL_ENUM(name, text) name,
-  PENDREL_PROTOCOL_QUERY_KEYS(PENDREL_PROTOCOL_ENUM)
-#undef PENDREL_PROTOCOL_ENUM
-};
+enum class EQueryKey { PENDREL_PROTOCOL_QUERY_KEYS(PENDREL_PROTOCOL_ENUMERATOR) };
 
-inline constexpr const wchar_t* kQueryKeys[] = {
-#define PENDREL_PROTOCOL_TEXT(name, text) L"" text,
-    PENDREL_PROTOCOL_QUERY_KEYS(PENDREL_PROTOCOL_TEXT)
-#undef PENDREL_PROTOCOL_TEXT
-};
+inline constexpr const wchar_t* kQueryKeys[] = {PENDREL_PROTOCOL_QUERY_KEYS(PENDREL_PROTOCOL_WIDE)};
 
 // The same keys as they stand in a message's (narrow) query text.
 inline constexpr std::string_view kQueryKeyWords[] = {
-#define PENDREL_PROTOCOL_TEXT(name, text) text,
-    PENDREL_PROTOCOL_QUERY_KEYS(PENDREL_PROTOCOL_TEXT)
-#undef PENDREL_PROTOCOL_TEXT
-};
+    PENDREL_PROTOCOL_QUERY_KEYS(PENDREL_PROTOCOL_NARROW)};
 
 constexpr const wchar_t* QueryKey(EQueryKey key) {
   return kQueryKeys[static_cast<std::size_t>(key)];
@@ -190,17 +170,10 @@ inline constexpr EQueryKey kSessionKeys[] = {
   X(InputFileSize, "InputFileSize")     \
   X(LibVersion, "LibVersion")
 
-enum class EAnswerKey {
-#define PENDREL_PROTOCOL_ENUM(name, text) name,
-  PENDREL_PROTOCOL_ANSWER_KEYS(PENDREL_PROTOCOL_ENUM)
-#undef PENDREL_PROTOCOL_ENUM
-};
+enum class EAnswerKey { PENDREL_PROTOCOL_ANSWER_KEYS(PENDREL_PROTOCOL_ENUMERATOR) };
 
 inline constexpr const wchar_t* kAnswerKeys[] = {
-#define PENDREL_PROTOCOL_TEXT(name, text) L"" text,
-    PENDREL_PROTOCOL_ANSWER_KEYS(PENDREL_PROTOCOL_TEXT)
-#undef PENDREL_PROTOCOL_TEXT
-};
+    PENDREL_PROTOCOL_ANSWER_KEYS(PENDREL_PROTOCOL_WIDE)};
 
 constexpr const wchar_t* AnswerKey(EAnswerKey key) {
   return kAnswerKeys[static_cast<std::size_t>(key)];
