@@ -20,15 +20,13 @@ inline const std::wstring kReadFailed = L"Ошибка чтения данных
 inline const std::wstring kPacketTimedOut =
     L"Ошибка чтения данных через NamedPipe - вышло время ожидания пакета";
 
-// The error number a reader sees when its peer has ended: EPIPE, ERROR_BROKEN_PIPE.
-std::uint32_t PeerGoneCode();
-// "<read failed> (1) #<PeerGoneCode>\n": the reader found the peer gone.
+// "<read failed> (1) #<pendrel_test::PeerGoneCode>\n": the reader found the peer gone.
 std::wstring PeerGoneText();
 // "<read failed> (2) #<code>\n": a packet was refused (13 a lying header, 8 over the cap).
 std::wstring RefusedPacketText(std::uint32_t code);
 
-// A CHandler started on the fault handler with `options`, which writes its process id and a
-// record of the messages it received into a folder of its own.
+// A CHandler started on the fault handler with `options`, which writes its process id, a
+// record of the messages it received and of the answers it sent into a folder of its own.
 class FaultHost {
  public:
   explicit FaultHost(const std::wstring& options = L"");
@@ -38,6 +36,9 @@ class FaultHost {
   std::uint32_t ProcessId();
   // How many messages the handler has recorded so far.
   std::size_t Received() const;
+  // Whether the handler has written at least `count` answers whole to the pipe within
+  // `timeout`.
+  bool WaitForAnswersSent(std::size_t count, std::chrono::milliseconds timeout) const;
   // The handler's error text, as UTF-8 for test messages.
   std::string ErrorMessage();
 
