@@ -531,7 +531,7 @@ TEST(HandlerSessions, CloseIsFlushedWithoutAnAnswer) {
   ASSERT_EQ(started.StartResult(), Ok);
   const auto start = Clock::now();
   started.handler.OnCloseSession();
-  EXPECT_LT(Clock::now() - start, 3s);
+  EXPECT_LT(Clock::now() - start, 5s) << "half of the 10 s the notice may take to go out";
   EXPECT_EQ(started.Received(1).at(0), "OnCloseSession");
   // No answer came back: the next exchange gets its own answer.
   Pendrel::CResponse response;

@@ -36,14 +36,7 @@ CResponse ExampleResponse() {
   response.Status = Status(0);
   response.Session = L"S-17";
   response.Parameters[L"RESULT"] = L"ok";
-  response.Progress.PhasePos = 2;
-  response.Progress.PhaseTotal = 5;
-  response.Progress.PhaseProgressPos = 40;
-  response.Progress.PhaseProgressTotal = 100;
-  response.Progress.TaskProgressPos = 240;
-  response.Progress.TaskProgressTotal = 500;
-  response.Progress.TaskProgressTime = 12;
-  response.Progress.IsSet = true;
+  response.Progress = pendrel_test::SetProgress({2, 5, 40, 100, 240, 500, 12});
   response.Data.push_back(File(Text, L"out.txt", L"Result", "line one\nline two", false));
   return response;
 }

@@ -1,7 +1,7 @@
 // What differs between the systems the tests run on, kept in one place: how a test names a
 // file of the build, which error number a pipe reports when its peer has gone, and setting an
 // environment variable for a while. One implementation per platform (Platform_posix.cpp,
-// Platform_win.cpp).
+// Platform_win.cpp) beside the portable Platform.cpp.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +22,11 @@ std::wstring ProgramPathFromBuild(std::string_view path);
 // The error number a pipe reader sees when its peer has closed its end: EPIPE on Linux,
 // ERROR_BROKEN_PIPE on Windows.
 std::uint32_t PeerGoneCode();
+
+// The environment variable `name` of this process (UTF-8), nullopt when it is not set.
+std::optional<std::string> EnvironmentValue(const std::string& name);
+// Sets the environment variable `name` to `value`, or removes it for nullopt.
+void SetEnvironmentValue(const std::string& name, const std::optional<std::string>& value);
 
 // Sets the environment variable `name` of this process to `value` (or removes it, for
 // nullopt) while it lives, and then gives it back the value it had, or removes it again if

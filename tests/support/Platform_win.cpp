@@ -7,14 +7,6 @@
 #include "tests/support/Platform.h"
 
 namespace pendrel_test {
-namespace {
-
-void SetVariable(const std::wstring& name, const std::optional<std::wstring>& value) {
-  // An empty value removes the variable.
-  ::_wputenv_s(name.c_str(), value ? value->c_str() : L"");
-}
-
-}  // namespace
 
 std::string NativePath(std::string_view path) {
   if (path.empty() || path.front() != '/') return std::string(path);
@@ -25,24 +17,19 @@ std::string NativePath(std::string_view path) {
   return native;
 }
 
-std::wstring ProgramPathFromBuild(std::string_view path) {
-  return Pendrel::Utf8ToUtf16(NativePath(path));
-}
-
 std::uint32_t PeerGoneCode() { return ERROR_BROKEN_PIPE; }
 
-ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
-                                                     const std::optional<std::string>& value)
-    : m_name(std::move(name)) {
-  const std::wstring wideName = Pendrel::Utf8ToUtf16(m_name);
-  if (const wchar_t* old = ::_wgetenv(wideName.c_str())) m_old = Pendrel::Utf16ToUtf8(old);
-  SetVariable(wideName,
-              value ? std::optional<std::wstring>(Pendrel::Utf8ToUtf16(*value)) : std::nullopt);
+std::optional<std::string> EnvironmentValue(const std::string& name) {
+  if (const wchar_t* value = ::_wgetenv(Pendrel::Utf8ToUtf16(name).c_str())) {
+    return Pendrel::Utf16ToUtf8(value);
+  }
+  return std::nullopt;
 }
 
-ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
-  SetVariable(Pendrel::Utf8ToUtf16(m_name),
-              m_old ? std::optional<std::wstring>(Pendrel::Utf8ToUtf16(*m_old)) : std::nullopt);
+void SetEnvironmentValue(const std::string& name, const std::optional<std::string>& value) {
+  // An empty value removes the variable.
+  ::_wputenv_s(Pendrel::Utf8ToUtf16(name).c_str(),
+               value ? Pendrel::Utf8ToUtf16(*value).c_str() : L"");
 }
 
 }  // namespace pendrel_test
