@@ -43,13 +43,7 @@ CResponse ExampleResponse() {
 
 void ExpectSameProgress(const CProgress& actual, const CProgress& expected) {
   EXPECT_EQ(actual.IsSet, expected.IsSet);
-  EXPECT_EQ(actual.PhasePos, expected.PhasePos);
-  EXPECT_EQ(actual.PhaseTotal, expected.PhaseTotal);
-  EXPECT_EQ(actual.PhaseProgressPos, expected.PhaseProgressPos);
-  EXPECT_EQ(actual.PhaseProgressTotal, expected.PhaseProgressTotal);
-  EXPECT_EQ(actual.TaskProgressPos, expected.TaskProgressPos);
-  EXPECT_EQ(actual.TaskProgressTotal, expected.TaskProgressTotal);
-  EXPECT_EQ(actual.TaskProgressTime, expected.TaskProgressTime);
+  EXPECT_EQ(pendrel_test::NumbersOf(actual), pendrel_test::NumbersOf(expected));
 }
 
 CResponse Read(const std::string& json) {

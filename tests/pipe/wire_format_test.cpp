@@ -27,6 +27,19 @@ const std::wstring kReadFailedTooLarge = L"Ошибка чтения данны�
 
 bool IsZero(std::string_view bytes) { return bytes.find_first_not_of('\0') == std::string::npos; }
 
+// Whether the next message `server` receives within 5 s is `expected`.
+testing::AssertionResult ReceivesMessage(NamedPipeChannel& server, const std::string& expected) {
+  std::string received;
+  if (server.WaitForMessage(received, 5s) != EWaitResult::Message) {
+    return testing::AssertionFailure() << "no message came";
+  }
+  if (received != expected) {
+    return testing::AssertionFailure() << "a message of " << received.size() << " bytes came, "
+                                       << expected.size() << " expected";
+  }
+  return testing::AssertionSuccess();
+}
+
 TEST(PipeWire, SendsEmptyMessageAsOnePacketWithBothWordsZero) {
   NamedPipeChannel server;
   RawClient client;
@@ -109,9 +122,7 @@ TEST(PipeWire, ReassemblesMessageFromPackets) {
   EXPECT_FALSE(server.HasMessage());
   // The filler of the last packet is not part of the message.
   ASSERT_TRUE(client.Write(ForgedPacket(0, 5, message.substr(2 * kRoom) + "junk", kPacket)));
-  std::string received;
-  ASSERT_EQ(server.WaitForMessage(received, 5s), EWaitResult::Message);
-  EXPECT_TRUE(received == message);
+  EXPECT_TRUE(ReceivesMessage(server, message));
 }
 
 TEST(PipeWire, ReportsSenderThatStopsMidMessageWithPacketsStillExpected) {
@@ -184,9 +195,7 @@ TEST(PipeWire, AcceptsMessageOfExactlyTheLimit) {
   const std::string message = PatternBytes(kRoom + 1, 5);
   ASSERT_TRUE(client.Write(ForgedPacket(1, kRoom, message.substr(0, kRoom), kPacket)));
   ASSERT_TRUE(client.Write(ForgedPacket(0, 1, message.substr(kRoom), kPacket)));
-  std::string received;
-  ASSERT_EQ(server.WaitForMessage(received, 5s), EWaitResult::Message);
-  EXPECT_TRUE(received == message);
+  EXPECT_TRUE(ReceivesMessage(server, message));
 }
 
 TEST(PipeWire, StopsMessageThatNeverEndsAtTheLimit) {
@@ -221,9 +230,7 @@ TEST(PipeWire, ServerEndRaisesPacketSizeToLargerClientPackets) {
   constexpr std::size_t kLarge = 65536;
   const std::string message = PatternBytes(kLarge - 8, 7);
   ASSERT_TRUE(client.Write(ForgedPacket(0, kLarge - 8, message, kLarge)));
-  std::string received;
-  ASSERT_EQ(server.WaitForMessage(received, 5s), EWaitResult::Message);
-  EXPECT_TRUE(received == message);
+  EXPECT_TRUE(ReceivesMessage(server, message));
   EXPECT_EQ(server.PacketSize(), kLarge);
 
   // From now on the server end writes packets of that size, too.
