@@ -20,8 +20,4 @@ struct CProgramRun {
 CProgramRun RunProgram(const std::string& program, const std::vector<std::string>& arguments,
                        const std::string& input = "");
 
-// The path the test program names a file of the build or source tree by, given the path
-// CMake knows: on Windows under Wine the Linux root is drive Z:, with "\" separators.
-std::string NativePath(const std::string& path);
-
 }  // namespace pendrel_test

@@ -73,6 +73,4 @@ CProgramRun RunProgram(const std::string& program, const std::vector<std::string
   return run;
 }
 
-std::string NativePath(const std::string& path) { return path; }
-
 }  // namespace pendrel_test

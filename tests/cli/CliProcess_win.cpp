@@ -108,13 +108,4 @@ CProgramRun RunProgram(const std::string& program, const std::vector<std::string
   return run;
 }
 
-std::string NativePath(const std::string& path) {
-  if (path.empty() || path.front() != '/') return path;
-  std::string native = "Z:" + path;
-  for (char& c : native) {
-    if (c == '/') c = '\\';
-  }
-  return native;
-}
-
 }  // namespace pendrel_test

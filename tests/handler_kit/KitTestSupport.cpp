@@ -36,14 +36,21 @@ KitConversation::KitConversation(PendrelKit::CHandlerKit& kit) {
 
 KitConversation::~KitConversation() { Finish(); }
 
-std::string KitConversation::Next(std::chrono::milliseconds timeout) {
+std::string ServerConversation::Next(std::chrono::milliseconds timeout) {
   std::string message;
-  if (m_server.WaitForMessage(message, timeout) != Pendrel::EWaitResult::Message) return "<none>";
-  return message;
+  switch (m_server.WaitForMessage(message, timeout)) {
+    case Pendrel::EWaitResult::Message:
+      return message;
+    case Pendrel::EWaitResult::Error:
+      return "<error>";
+    case Pendrel::EWaitResult::TimedOut:
+      break;
+  }
+  return "<none>";
 }
 
-std::string KitConversation::Exchange(const std::string& message,
-                                      std::chrono::milliseconds timeout) {
+std::string ServerConversation::Exchange(const std::string& message,
+                                         std::chrono::milliseconds timeout) {
   m_server.Post(message);
   return Next(timeout);
 }

@@ -21,9 +21,23 @@ using namespace std::chrono_literals;
 // A pipe name no other test (or parallel test process) uses.
 std::wstring UniqueKitPipeName();
 
+// The test's server end of a pipe, read one message at a time.
+class ServerConversation {
+ public:
+  Pendrel::NamedPipeChannel& Server() { return m_server; }
+
+  // The next message received; "<error>" once the pipe has failed, "<none>" after `timeout`.
+  std::string Next(std::chrono::milliseconds timeout = 10s);
+  // Posts `message`, then Next(timeout).
+  std::string Exchange(const std::string& message, std::chrono::milliseconds timeout = 10s);
+
+ protected:
+  Pendrel::NamedPipeChannel m_server;
+};
+
 // The test's side of a conversation with a kit: the server end of a fresh pipe, and the
 // kit's Run on a thread of its own.
-class KitConversation {
+class KitConversation : public ServerConversation {
  public:
   // Starts `kit` and opens the server end; Connected() says whether both met.
   explicit KitConversation(PendrelKit::CHandlerKit& kit);
@@ -33,18 +47,11 @@ class KitConversation {
   KitConversation& operator=(const KitConversation&) = delete;
 
   bool Connected() const { return m_connected; }
-  Pendrel::NamedPipeChannel& Server() { return m_server; }
-
-  // Posts `message` and returns the next message received ("<none>" after `timeout`).
-  std::string Exchange(const std::string& message, std::chrono::milliseconds timeout = 10s);
-  // The next message received, or "<none>" after `timeout`.
-  std::string Next(std::chrono::milliseconds timeout = 10s);
 
   // Closes the server end and returns what Run returned (-1 if it did not return in 20 s).
   int Finish();
 
  private:
-  Pendrel::NamedPipeChannel m_server;
   std::future<int> m_run;
   bool m_connected = false;
 };

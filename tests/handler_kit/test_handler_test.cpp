@@ -18,12 +18,10 @@
 namespace pendrel_test {
 namespace {
 
-using Pendrel::EWaitResult;
-using Pendrel::NamedPipeChannel;
 using namespace std::chrono_literals;
 
 // The test handler started with `extraArguments`, and the server end it connects to.
-class TestHandlerRun {
+class TestHandlerRun : public ServerConversation {
  public:
   explicit TestHandlerRun(const std::wstring& extraArguments, int mode = 0)
       : m_name(UniqueKitPipeName()), m_process(TestHandlerPath(), m_name, mode, extraArguments) {}
@@ -33,18 +31,10 @@ class TestHandlerRun {
     return m_server.Open(m_name);
   }
 
-  std::string Next(std::chrono::milliseconds timeout = 10s) {
-    std::string message;
-    const EWaitResult result = m_server.WaitForMessage(message, timeout);
-    if (result == EWaitResult::Error) return "<error>";
-    if (result == EWaitResult::TimedOut) return "<none>";
-    return message;
-  }
-
-  std::string Exchange(const std::string& message, std::chrono::milliseconds timeout = 10s) {
-    m_server.Post(message);
-    return Next(timeout);
-  }
+  // The server end closes first, so that the handler sees the pipe go and ends.
+  ~TestHandlerRun() { m_server.Close(); }
+  TestHandlerRun(const TestHandlerRun&) = delete;
+  TestHandlerRun& operator=(const TestHandlerRun&) = delete;
 
   // Closes the server end and returns the handler's exit code.
   int Finish() {
@@ -52,16 +42,19 @@ class TestHandlerRun {
     return m_process.Wait(20s);
   }
 
-  NamedPipeChannel& Server() { return m_server; }
   HandlerProcess& Process() { return m_process; }
 
  private:
   std::wstring m_name;
   HandlerProcess m_process;
-  NamedPipeChannel m_server;
 };
 
 std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
+
+// The test handler's answer to a query: status 3 and the one parameter `key` = `value`.
+std::string Answer(const std::string& key, const std::string& value) {
+  return "{\"status\":3,\"Parameters\":{\"" + key + "\":\"" + value + "\"}}";
+}
 
 Pendrel::CRequest PingRequest() {
   Pendrel::CRequest request;
@@ -108,9 +101,8 @@ TEST(TestHandlerProgram, EchoesAnswersQueriesAndRecordsEveryMessageExactly) {
   EXPECT_EQ(handler.Exchange(sent[2]),
             "{\"status\":3,\"Parameters\":{\"Description\":\"Test task T\xE4\xB8\xAD\","
             "\"Name\":\"Task T\xE4\xB8\xAD\"}}");
-  EXPECT_EQ(handler.Exchange(sent[3]),
-            "{\"status\":3,\"Parameters\":{\"InputFileSize\":\"123456789\"}}");
-  EXPECT_EQ(handler.Exchange(sent[4]), "{\"status\":3,\"Parameters\":{\"LibVersion\":\"4\"}}");
+  EXPECT_EQ(handler.Exchange(sent[3]), Answer("InputFileSize", "123456789"));
+  EXPECT_EQ(handler.Exchange(sent[4]), Answer("LibVersion", "4"));
   // The user "R&D" splits the query; the handler answers every pair it saw.
   EXPECT_EQ(handler.Exchange(sent[5]),
             "{\"status\":3,\"session\":\"17\",\"Parameters\":{\"D\":\"\",\"HandleTaskID\":\"42\","
@@ -155,14 +147,10 @@ TEST(TestHandlerProgram, QueryAnswersFollowTheOptions) {
       L"--info \"My name,My text,9.9\" --lib-version x7 --input-file-size 5000000000 "
       L"--omit Version --omit Description");
   ASSERT_TRUE(handler.Open());
-  EXPECT_EQ(handler.Exchange("RequestHandlerInfo"),
-            "{\"status\":3,\"Parameters\":{\"Name\":\"My name\"}}");
-  EXPECT_EQ(handler.Exchange("RequestHandlerTaskInfo&TaskCode=A"),
-            "{\"status\":3,\"Parameters\":{\"Name\":\"Task A\"}}");
-  EXPECT_EQ(handler.Exchange("RequestLibVersion"),
-            "{\"status\":3,\"Parameters\":{\"LibVersion\":\"x7\"}}");
-  EXPECT_EQ(handler.Exchange("RequestInputFileSize"),
-            "{\"status\":3,\"Parameters\":{\"InputFileSize\":\"5000000000\"}}");
+  EXPECT_EQ(handler.Exchange("RequestHandlerInfo"), Answer("Name", "My name"));
+  EXPECT_EQ(handler.Exchange("RequestHandlerTaskInfo&TaskCode=A"), Answer("Name", "Task A"));
+  EXPECT_EQ(handler.Exchange("RequestLibVersion"), Answer("LibVersion", "x7"));
+  EXPECT_EQ(handler.Exchange("RequestInputFileSize"), Answer("InputFileSize", "5000000000"));
   EXPECT_EQ(handler.Finish(), kExitNormal);
 }
 
@@ -199,8 +187,7 @@ TEST(TestHandlerProgram, DelayHoldsEachAnswerBack) {
   TestHandlerRun handler(L"--delay-ms 400");
   ASSERT_TRUE(handler.Open());
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(handler.Exchange("RequestLibVersion"),
-            "{\"status\":3,\"Parameters\":{\"LibVersion\":\"4\"}}");
+  EXPECT_EQ(handler.Exchange("RequestLibVersion"), Answer("LibVersion", "4"));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms);
   EXPECT_EQ(handler.Finish(), kExitNormal);
 }
@@ -214,16 +201,14 @@ TEST(TestHandlerProgram, FloodSendsUnrequestedMessagesRightAfterConnecting) {
     response.Parameters[L"Flood"] = L"2";
     return response.ToJsonString();
   }());
-  EXPECT_EQ(handler.Exchange("RequestLibVersion"),
-            "{\"status\":3,\"Parameters\":{\"LibVersion\":\"4\"}}");
+  EXPECT_EQ(handler.Exchange("RequestLibVersion"), Answer("LibVersion", "4"));
   EXPECT_EQ(handler.Finish(), kExitNormal);
 }
 
 TEST(TestHandlerProgram, ExitAfterClosesThePipeOnceItsAnswersAreOut) {
   TestHandlerRun handler(L"--exit-after 2");
   ASSERT_TRUE(handler.Open());
-  EXPECT_EQ(handler.Exchange("RequestLibVersion"),
-            "{\"status\":3,\"Parameters\":{\"LibVersion\":\"4\"}}");
+  EXPECT_EQ(handler.Exchange("RequestLibVersion"), Answer("LibVersion", "4"));
   handler.Server().Post("OnCloseSession");
   EXPECT_EQ(handler.Next(), "<error>");
   EXPECT_EQ(handler.Process().Wait(10s), kExitNormal);
@@ -263,8 +248,7 @@ TEST(TestHandlerProgram, CrashMidAnswerLeavesTheServerWithAHalfMessage) {
 TEST(TestHandlerProgram, BrokenAtAnswersTheMessagesBeforeNormally) {
   TestHandlerRun handler(L"--crash-mid-answer 1 --broken-at 3");
   ASSERT_TRUE(handler.Open());
-  EXPECT_EQ(handler.Exchange("RequestLibVersion"),
-            "{\"status\":3,\"Parameters\":{\"LibVersion\":\"4\"}}");
+  EXPECT_EQ(handler.Exchange("RequestLibVersion"), Answer("LibVersion", "4"));
   handler.Server().Post("OnCloseSession");
   EXPECT_EQ(handler.Exchange("RequestHandlerInfo"), "<error>");
   EXPECT_EQ(handler.Process().Wait(10s), kExitCrashed);

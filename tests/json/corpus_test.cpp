@@ -13,23 +13,16 @@
 #include "json/JsonParser.h"
 #include "json/JsonWriter.h"
 #include "tests/support/JsonDump.h"
+#include "tests/support/Platform.h"
 
 namespace Pendrel {
 namespace {
 
 namespace fs = std::filesystem;
 
-// The corpus folder named at configure time. Windows builds run under Wine, which shows the
-// Unix file system as drive Z:.
+// The corpus folder named at configure time.
 fs::path CorpusDir() {
-  std::string dir = PENDREL_JSON_CORPUS_DIR;
-#if defined(_WIN32)
-  if (!dir.empty() && dir.front() == '/') {
-    std::replace(dir.begin(), dir.end(), '/', '\\');
-    dir = "Z:" + dir;
-  }
-#endif
-  return fs::path(dir) / "test_parsing";
+  return fs::u8path(pendrel_test::NativePath(PENDREL_JSON_CORPUS_DIR)) / "test_parsing";
 }
 
 std::string ReadFile(const fs::path& path) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ostream>
 #include <regex>
 #include <set>
 #include <string>
@@ -106,36 +107,6 @@ TEST(RequestHttp, NoFilesGiveJsonHeaderAndEmptyBody) {
   EXPECT_EQ(body, "");
 }
 
-TEST(RequestHttp, SingleCsvFileHasNoCharset) {
-  CRequest request;
-  request.InputData = {File(Csv, L"t", L"t.csv", "a,b\n")};
-  std::string header, body;
-  request.ToHttpRequestData(header, body);
-  EXPECT_EQ(header,
-            "Content-Type: text/csv; name=\"t\"\nContent-Disposition: inline; filename=\"t.csv\"");
-  EXPECT_EQ(body, "a,b\n");
-}
-
-TEST(RequestHttp, SingleJsonFileHasCharset) {
-  CRequest request;
-  request.InputData = {File(Json, L"", L"", "{}")};
-  std::string header, body;
-  request.ToHttpRequestData(header, body);
-  EXPECT_EQ(header, "Content-Type: application/json; charset=utf-8\nContent-Disposition: inline");
-  EXPECT_EQ(body, "{}");
-}
-
-TEST(RequestHttp, SingleFileNamesAreUtf8AndUnescaped) {
-  CRequest request;
-  request.InputData = {File(Pdf, L"r\u00e9\"s", L"a\\b.pdf", std::string("\0%PDF", 5))};
-  std::string header, body;
-  request.ToHttpRequestData(header, body);
-  EXPECT_EQ(header,
-            "Content-Type: application/pdf; name=\"r\xc3\xa9\"s\"\nContent-Disposition: inline; "
-            "filename=\"a\\b.pdf\"");
-  EXPECT_EQ(body, std::string("\0%PDF", 5));
-}
-
 TEST(RequestHttp, TwoFilesGiveTheMultipartExample) {
   CRequest request;
   request.InputData = {File(Text, L"a", L"a.txt", "hi"),
@@ -182,6 +153,54 @@ TEST(RequestHttp, MultipartOmitsEmptyNamesAndEncodesLongDataInLines) {
                       partHeader + "\r\n" + "--" + b + "--\r\n");
 }
 
+// --- One file, of a request or of a response: its bytes alone, described by the header -----
+
+struct SingleFileCase {
+  const char* what;
+  bool ofResponse;
+  CMimeFile file;
+  const char* header;
+};
+
+void PrintTo(const SingleFileCase& c, std::ostream* out) { *out << c.what; }
+
+class SingleFileHttp : public testing::TestWithParam<SingleFileCase> {};
+
+TEST_P(SingleFileHttp, SendsTheFileBytesUnderItsHeader) {
+  const SingleFileCase& c = GetParam();
+  std::string header, body;
+  if (c.ofResponse) {
+    CResponse response;
+    response.Data = {c.file};
+    response.ToHttpRequestData(header, body);
+  } else {
+    CRequest request;
+    request.InputData = {c.file};
+    request.ToHttpRequestData(header, body);
+  }
+  EXPECT_EQ(header, c.header);
+  EXPECT_TRUE(body == c.file.Data);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, SingleFileHttp,
+    testing::Values(
+        SingleFileCase{"RequestCsvFileHasNoCharset", false, File(Csv, L"t", L"t.csv", "a,b\n"),
+                       "Content-Type: text/csv; name=\"t\"\nContent-Disposition: inline; "
+                       "filename=\"t.csv\""},
+        SingleFileCase{"RequestJsonFileHasCharset", false, File(Json, L"", L"", "{}"),
+                       "Content-Type: application/json; charset=utf-8\nContent-Disposition: "
+                       "inline"},
+        SingleFileCase{"RequestFileNamesAreUtf8AndUnescaped", false,
+                       File(Pdf, L"r\u00e9\"s", L"a\\b.pdf", std::string("\0%PDF", 5)),
+                       "Content-Type: application/pdf; name=\"r\xc3\xa9\"s\"\nContent-Disposition: "
+                       "inline; filename=\"a\\b.pdf\""},
+        SingleFileCase{"ResponseUnnamedTextFile", true, File(Text, L"", L"", "plain"),
+                       "Content-Type: text/plain; charset=utf-8\nContent-Disposition: inline"},
+        SingleFileCase{"ResponseCsvFileHasNoCharset", true, File(Csv, L"", L"", "1,2"),
+                       "Content-Type: text/csv\nContent-Disposition: inline"}),
+    [](const testing::TestParamInfo<SingleFileCase>& info) { return info.param.what; });
+
 // --- Response header and body ---------------------------------------------------------------
 
 TEST(ResponseHttp, NoFilesGiveCommonJsonBody) {
@@ -206,23 +225,6 @@ TEST(ResponseHttp, SinglePngIsSentAsItsBytesAlone) {
   EXPECT_EQ(body, bytes);
   EXPECT_EQ(header.find("RESULT"), std::string::npos);
   EXPECT_EQ(header.find("S1"), std::string::npos);
-}
-
-TEST(ResponseHttp, SingleUnnamedTextFile) {
-  CResponse response;
-  response.Data = {File(Text, L"", L"", "plain")};
-  std::string header, body;
-  response.ToHttpRequestData(header, body);
-  EXPECT_EQ(header, "Content-Type: text/plain; charset=utf-8\nContent-Disposition: inline");
-  EXPECT_EQ(body, "plain");
-}
-
-TEST(ResponseHttp, SingleCsvFileHasNoCharset) {
-  CResponse response;
-  response.Data = {File(Csv, L"", L"", "1,2")};
-  std::string header, body;
-  response.ToHttpRequestData(header, body);
-  EXPECT_EQ(header, "Content-Type: text/csv\nContent-Disposition: inline");
 }
 
 TEST(ResponseHttp, TwoFilesGiveTheMultipartExample) {

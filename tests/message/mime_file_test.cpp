@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "tests/support/PatternBytes.h"
 #include "tests/support/TempDir.h"
 
 namespace Pendrel {
@@ -151,6 +152,15 @@ std::wstring BackslashPath(TempDir& dir, const std::string& content) {
   return dir.path().wstring() + L"/C:\\in\\plan.v2.pdf";
 }
 
+// The four fields LoadFromFile sets (or, when it fails, leaves as they were).
+void ExpectFields(const CMimeFile& file, const std::wstring& fileName, const std::wstring& name,
+                  EMimeType type, const std::string& data) {
+  EXPECT_EQ(file.FileName, fileName);
+  EXPECT_EQ(file.Name, name);
+  EXPECT_EQ(file.Type, type);
+  EXPECT_TRUE(file.Data == data) << file.Data.size() << " bytes";
+}
+
 TEST(MimeFileLoad, TakesNameAfterLastBackslashAndTypeFromExtension) {
   TempDir dir;
   const std::string content("%PDF\0\x01\xff", 7);
@@ -158,10 +168,7 @@ TEST(MimeFileLoad, TakesNameAfterLastBackslashAndTypeFromExtension) {
   CMimeFile file;
   file.IsAttachment = false;
   ASSERT_TRUE(file.LoadFromFile(path));
-  EXPECT_EQ(file.FileName, L"plan.v2.pdf");
-  EXPECT_EQ(file.Name, L"plan.v2");
-  EXPECT_EQ(file.Type, Pdf);
-  EXPECT_EQ(file.Data, content);
+  ExpectFields(file, L"plan.v2.pdf", L"plan.v2", Pdf, content);
   EXPECT_FALSE(file.IsAttachment) << "LoadFromFile does not touch IsAttachment";
 }
 
@@ -202,10 +209,7 @@ TEST(MimeFileLoad, MissingFileGivesFalseAndLeavesRecordUnchanged) {
   file.Data = "kept";
   file.Type = Csv;
   EXPECT_FALSE(file.LoadFromFile(dir.path().wstring() + L"/absent.txt"));
-  EXPECT_EQ(file.FileName, L"keep.txt");
-  EXPECT_EQ(file.Name, L"keep");
-  EXPECT_EQ(file.Data, "kept");
-  EXPECT_EQ(file.Type, Csv);
+  ExpectFields(file, L"keep.txt", L"keep", Csv, "kept");
 }
 
 TEST(MimeFileLoad, NameWithoutDotThrowsAfterReplacingNamesAndClosesTheFile) {
@@ -215,10 +219,7 @@ TEST(MimeFileLoad, NameWithoutDotThrowsAfterReplacingNamesAndClosesTheFile) {
   file.Data = "old";
   file.Type = Png;
   EXPECT_THROW(file.LoadFromFile(full.wstring()), std::out_of_range);
-  EXPECT_EQ(file.FileName, L"README");
-  EXPECT_EQ(file.Name, L"README");
-  EXPECT_EQ(file.Type, Png);
-  EXPECT_EQ(file.Data, "old");
+  ExpectFields(file, L"README", L"README", Png, "old");
   // Windows refuses to delete a file that is still open.
   std::error_code error;
   EXPECT_TRUE(std::filesystem::remove(full, error)) << error.message();
@@ -229,18 +230,12 @@ TEST(MimeFileLoad, ReadsNonAsciiFileNames) {
   dir.Write(std::filesystem::u8path("r\xc3\xa9sum\xc3\xa9.csv"), "a,b\n");
   CMimeFile file;
   ASSERT_TRUE(file.LoadFromFile(dir.WidePath(L"r\u00e9sum\u00e9.csv")));
-  EXPECT_EQ(file.FileName, L"r\u00e9sum\u00e9.csv");
-  EXPECT_EQ(file.Name, L"r\u00e9sum\u00e9");
-  EXPECT_EQ(file.Type, Csv);
-  EXPECT_EQ(file.Data, "a,b\n");
+  ExpectFields(file, L"r\u00e9sum\u00e9.csv", L"r\u00e9sum\u00e9", Csv, "a,b\n");
 }
 
 TEST(MimeFileLoad, ReadsLargeBinaryFileExactly) {
   TempDir dir;
-  std::string content(3 * 1024 * 1024 + 17, '\0');
-  for (std::size_t i = 0; i < content.size(); ++i) {
-    content[i] = static_cast<char>((i * 2654435761u) >> 13);
-  }
+  const std::string content = pendrel_test::PatternBytes(3 * 1024 * 1024 + 17);
   const std::filesystem::path full = dir.Write("blob.zip", content);
   CMimeFile file;
   ASSERT_TRUE(file.LoadFromFile(full.wstring()));

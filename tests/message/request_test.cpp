@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <ostream>
 #include <string>
 #include <utility>
 
@@ -10,8 +12,7 @@
 namespace Pendrel {
 namespace {
 
-TEST(Request, DefaultIsEmpty) {
-  const CRequest request;
+void ExpectEmpty(const CRequest& request) {
   EXPECT_TRUE(request.Resource.empty());
   EXPECT_TRUE(request.Command.empty());
   EXPECT_TRUE(request.CommandAtribute.empty());
@@ -19,6 +20,8 @@ TEST(Request, DefaultIsEmpty) {
   EXPECT_TRUE(request.RequestParams.empty());
   EXPECT_TRUE(request.InputData.empty());
 }
+
+TEST(Request, DefaultIsEmpty) { ExpectEmpty(CRequest()); }
 
 TEST(Request, LookupFoldsTheGivenKeyToUpperCase) {
   CRequest request;
@@ -58,46 +61,50 @@ TEST(Request, RemoveRequestParameterFoldsKeyAndIgnoresMissing) {
   EXPECT_EQ(request.RequestParams.size(), 1u);
 }
 
-TEST(RequestParamsString, SingleEntries) {
+// The two parameter maps as query-string texts: keys lower-cased, in the maps' order (code
+// unit order, a prefix first), values as they stand.
+struct ParamsStringCase {
+  const char* what;
+  std::map<std::wstring, std::wstring> commandParams;
+  std::map<std::wstring, std::wstring> requestParams;
+  const wchar_t* commandText;
+  const wchar_t* requestText;
+};
+
+void PrintTo(const ParamsStringCase& c, std::ostream* out) { *out << c.what; }
+
+class RequestParamsString : public testing::TestWithParam<ParamsStringCase> {};
+
+TEST_P(RequestParamsString, WritesKeysLowerCasedInMapOrder) {
+  const ParamsStringCase& c = GetParam();
   CRequest request;
-  request.RequestParams[L"A"] = L"1";
-  request.CommandParams[L"A"] = L"1";
-  EXPECT_EQ(request.GetRequestParamsString(), L"?a=1");
-  EXPECT_EQ(request.GetCommandParamsString(), L"&a=1");
+  for (const auto& [key, value] : c.commandParams) request.CommandParams[key] = value;
+  for (const auto& [key, value] : c.requestParams) request.RequestParams[key] = value;
+  EXPECT_EQ(request.GetCommandParamsString(), c.commandText);
+  EXPECT_EQ(request.GetRequestParamsString(), c.requestText);
 }
 
-TEST(RequestParamsString, KeyOrderAndLowerCaseKeys) {
-  CRequest request;
-  request.CommandParams[L"ZOOM"] = L"2";
-  request.CommandParams[L"PAGE"] = L"3";
-  request.RequestParams[L"TIMEOUT"] = L"30";
-  request.RequestParams[L"LANG"] = L"en";
-  EXPECT_EQ(request.GetCommandParamsString(), L"&page=3&zoom=2");
-  EXPECT_EQ(request.GetRequestParamsString(), L"?lang=en&timeout=30");
-}
-
-TEST(RequestParamsString, EmptyMapsGiveEmptyStrings) {
-  const CRequest request;
-  EXPECT_EQ(request.GetCommandParamsString(), L"");
-  EXPECT_EQ(request.GetRequestParamsString(), L"");
-}
-
-TEST(RequestParamsString, ValuesAreWrittenUnescaped) {
-  CRequest request;
-  request.RequestParams[L"Q"] = L"a&b=c d \u00e9\u20ac";
-  request.CommandParams[L"Q"] = L"x=y&z";
-  EXPECT_EQ(request.GetRequestParamsString(), L"?q=a&b=c d \u00e9\u20ac");
-  EXPECT_EQ(request.GetCommandParamsString(), L"&q=x=y&z");
-}
-
-TEST(RequestParamsString, MapOrderIsCodeUnitOrderWithPrefixFirst) {
-  CRequest request;
-  request.RequestParams[L"AB"] = L"2";
-  request.RequestParams[L"A"] = L"1";
-  request.RequestParams[L"B"] = L"3";
-  request.RequestParams[L"_"] = L"4";
-  EXPECT_EQ(request.GetRequestParamsString(), L"?a=1&ab=2&b=3&_=4");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Maps, RequestParamsString,
+    testing::Values(
+        ParamsStringCase{"SingleEntries", {{L"A", L"1"}}, {{L"A", L"1"}}, L"&a=1", L"?a=1"},
+        ParamsStringCase{"KeyOrderAndLowerCaseKeys",
+                         {{L"ZOOM", L"2"}, {L"PAGE", L"3"}},
+                         {{L"TIMEOUT", L"30"}, {L"LANG", L"en"}},
+                         L"&page=3&zoom=2",
+                         L"?lang=en&timeout=30"},
+        ParamsStringCase{"EmptyMapsGiveEmptyStrings", {}, {}, L"", L""},
+        ParamsStringCase{"ValuesAreWrittenUnescaped",
+                         {{L"Q", L"x=y&z"}},
+                         {{L"Q", L"a&b=c d \u00e9\u20ac"}},
+                         L"&q=x=y&z",
+                         L"?q=a&b=c d \u00e9\u20ac"},
+        ParamsStringCase{"MapOrderIsCodeUnitOrderWithPrefixFirst",
+                         {},
+                         {{L"AB", L"2"}, {L"A", L"1"}, {L"B", L"3"}, {L"_", L"4"}},
+                         L"",
+                         L"?a=1&ab=2&b=3&_=4"}),
+    [](const testing::TestParamInfo<ParamsStringCase>& info) { return info.param.what; });
 
 TEST(RequestCreationSession, ExactlyTheThreeCommands) {
   CRequest request;
@@ -168,15 +175,6 @@ void ExpectSample(const CRequest& request) {
   EXPECT_EQ(request.GetRequestValue(L"lang"), L"en");
   ASSERT_EQ(request.InputData.size(), 1u);
   EXPECT_EQ(request.InputData[0].Data, "hi");
-}
-
-void ExpectEmpty(const CRequest& request) {
-  EXPECT_TRUE(request.Resource.empty());
-  EXPECT_TRUE(request.Command.empty());
-  EXPECT_TRUE(request.CommandAtribute.empty());
-  EXPECT_TRUE(request.CommandParams.empty());
-  EXPECT_TRUE(request.RequestParams.empty());
-  EXPECT_TRUE(request.InputData.empty());
 }
 
 TEST(RequestCopy, IsDeep) {

@@ -36,27 +36,14 @@ CResponse ExampleResponse() {
   response.Status = Status(0);
   response.Session = L"S-17";
   response.Parameters[L"RESULT"] = L"ok";
-  response.Progress.PhasePos = 2;
-  response.Progress.PhaseTotal = 5;
-  response.Progress.PhaseProgressPos = 40;
-  response.Progress.PhaseProgressTotal = 100;
-  response.Progress.TaskProgressPos = 240;
-  response.Progress.TaskProgressTotal = 500;
-  response.Progress.TaskProgressTime = 12;
-  response.Progress.IsSet = true;
+  response.Progress = pendrel_test::SetProgress({2, 5, 40, 100, 240, 500, 12});
   response.Data.push_back(File(Text, L"out.txt", L"Result", "line one\nline two", false));
   return response;
 }
 
 void ExpectSameProgress(const CProgress& actual, const CProgress& expected) {
   EXPECT_EQ(actual.IsSet, expected.IsSet);
-  EXPECT_EQ(actual.PhasePos, expected.PhasePos);
-  EXPECT_EQ(actual.PhaseTotal, expected.PhaseTotal);
-  EXPECT_EQ(actual.PhaseProgressPos, expected.PhaseProgressPos);
-  EXPECT_EQ(actual.PhaseProgressTotal, expected.PhaseProgressTotal);
-  EXPECT_EQ(actual.TaskProgressPos, expected.TaskProgressPos);
-  EXPECT_EQ(actual.TaskProgressTotal, expected.TaskProgressTotal);
-  EXPECT_EQ(actual.TaskProgressTime, expected.TaskProgressTime);
+  EXPECT_EQ(pendrel_test::NumbersOf(actual), pendrel_test::NumbersOf(expected));
 }
 
 CResponse Read(const std::string& json) {

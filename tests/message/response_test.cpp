@@ -2,13 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <utility>
 
+#include "tests/support/RecordChecks.h"
+
 namespace Pendrel {
 namespace {
+
+using pendrel_test::NumbersOf;
+using pendrel_test::ProgressNumbers;
+using pendrel_test::SetProgress;
 
 constexpr EStatus Status(int value) { return static_cast<EStatus>(value); }
 
@@ -25,13 +32,7 @@ class WideOutputCapture {
 };
 
 void ExpectProgressZero(const CProgress& progress) {
-  EXPECT_EQ(progress.PhasePos, 0);
-  EXPECT_EQ(progress.PhaseTotal, 0);
-  EXPECT_EQ(progress.PhaseProgressPos, 0);
-  EXPECT_EQ(progress.PhaseProgressTotal, 0);
-  EXPECT_EQ(progress.TaskProgressPos, 0);
-  EXPECT_EQ(progress.TaskProgressTotal, 0);
-  EXPECT_EQ(progress.TaskProgressTime, 0);
+  EXPECT_EQ(NumbersOf(progress), ProgressNumbers{});
 }
 
 TEST(Progress, DefaultIsUnsetWithZeroNumbers) {
@@ -40,27 +41,10 @@ TEST(Progress, DefaultIsUnsetWithZeroNumbers) {
   ExpectProgressZero(progress);
 }
 
-CProgress SampleProgress() {
-  CProgress progress;
-  progress.PhasePos = 2;
-  progress.PhaseTotal = 5;
-  progress.PhaseProgressPos = 40;
-  progress.PhaseProgressTotal = 100;
-  progress.TaskProgressPos = 240;
-  progress.TaskProgressTotal = 500;
-  progress.TaskProgressTime = -12;
-  progress.IsSet = true;
-  return progress;
-}
+CProgress SampleProgress() { return SetProgress({2, 5, 40, 100, 240, 500, -12}); }
 
 void ExpectSampleProgress(const CProgress& progress) {
-  EXPECT_EQ(progress.PhasePos, 2);
-  EXPECT_EQ(progress.PhaseTotal, 5);
-  EXPECT_EQ(progress.PhaseProgressPos, 40);
-  EXPECT_EQ(progress.PhaseProgressTotal, 100);
-  EXPECT_EQ(progress.TaskProgressPos, 240);
-  EXPECT_EQ(progress.TaskProgressTotal, 500);
-  EXPECT_EQ(progress.TaskProgressTime, -12);
+  EXPECT_EQ(NumbersOf(progress), (ProgressNumbers{2, 5, 40, 100, 240, 500, -12}));
   EXPECT_TRUE(progress.IsSet);
 }
 
@@ -106,22 +90,23 @@ TEST(Response, EmptyMessageStillCreatesErrorEntry) {
   EXPECT_EQ(response.Parameters.at(L"error"), L"");
 }
 
-TEST(ResponseError, PrintsMessageAndReturnsStatusThree) {
+// An error response holds `status` and the one parameter "error" = "disk full", which was
+// printed as a line.
+void ExpectDiskFullError(const std::function<CResponse()>& makeError, int status) {
   WideOutputCapture capture;
-  const CResponse response = Error(L"disk full");
+  const CResponse response = makeError();
   EXPECT_EQ(capture.Text(), L"disk full\n");
-  EXPECT_EQ(response.Status, 3);
+  EXPECT_EQ(response.Status, status);
   ASSERT_EQ(response.Parameters.size(), 1u);
   EXPECT_EQ(response.Parameters.at(L"error"), L"disk full");
 }
 
+TEST(ResponseError, PrintsMessageAndReturnsStatusThree) {
+  ExpectDiskFullError([] { return Error(L"disk full"); }, 3);
+}
+
 TEST(ResponseError, WithStatusPrintsMessageAndSetsStatus) {
-  WideOutputCapture capture;
-  const CResponse response = Error(Status(7), L"disk full");
-  EXPECT_EQ(capture.Text(), L"disk full\n");
-  EXPECT_EQ(response.Status, 7);
-  ASSERT_EQ(response.Parameters.size(), 1u);
-  EXPECT_EQ(response.Parameters.at(L"error"), L"disk full");
+  ExpectDiskFullError([] { return Error(Status(7), L"disk full"); }, 7);
 }
 
 TEST(ResponseError, EmptyMessagePrintsEmptyLine) {

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <ostream>
 #include <string>
 #include <utility>
 
 #include "message/CResponse.h"
+#include "tests/support/RecordChecks.h"
 
 namespace Pendrel {
 namespace {
@@ -12,6 +14,9 @@ namespace {
 constexpr EStatus Status(int value) { return static_cast<EStatus>(value); }
 
 using ParamMap = std::map<std::wstring, std::wstring>;
+using pendrel_test::NumbersOf;
+using pendrel_test::ProgressNumbers;
+using pendrel_test::SetProgress;
 
 CMimeFile JsonFile(std::string content, EMimeType type = Json) {
   CMimeFile file;
@@ -48,13 +53,7 @@ TEST(StdResponseFile, UnpacksTheExample) {
   EXPECT_EQ(response.Status, Status(0));
   EXPECT_EQ(response.Session, L"S-17");
   EXPECT_TRUE(response.Progress.IsSet);
-  EXPECT_EQ(response.Progress.PhasePos, 2);
-  EXPECT_EQ(response.Progress.PhaseTotal, 5);
-  EXPECT_EQ(response.Progress.PhaseProgressPos, 40);
-  EXPECT_EQ(response.Progress.PhaseProgressTotal, 100);
-  EXPECT_EQ(response.Progress.TaskProgressPos, 240);
-  EXPECT_EQ(response.Progress.TaskProgressTotal, 500);
-  EXPECT_EQ(response.Progress.TaskProgressTime, 12);
+  EXPECT_EQ(NumbersOf(response.Progress), (ProgressNumbers{2, 5, 40, 100, 240, 500, 12}));
   EXPECT_EQ(
       response.Parameters,
       (ParamMap{{L"RESULT", L"ok"}, {L"note", L"null"}, {L"pages", L"7"}, {L"kept", L"yes"}}));
@@ -82,29 +81,30 @@ TEST(StdResponseFile, LeavesAResponseWithoutFilesUnchanged) {
   ExpectUnchanged(response, 0);
 }
 
-TEST(StdResponseFile, LeavesAFileWithoutStatusInPlace) {
-  CResponse response = WithFile(R"({"result":"ok"})");
+// A single JSON file that is not a standard response stays where it is, untouched.
+struct NotStandardCase {
+  const char* what;
+  const char* content;
+};
+
+void PrintTo(const NotStandardCase& c, std::ostream* out) { *out << c.what; }
+
+class StdResponseFileNotStandard : public testing::TestWithParam<NotStandardCase> {};
+
+TEST_P(StdResponseFileNotStandard, StaysInPlace) {
+  CResponse response = WithFile(GetParam().content);
   response.ParseStdResponseFromFileData();
   ExpectUnchanged(response, 1);
 }
 
-TEST(StdResponseFile, LeavesAFileWithMisspelledStatusInPlace) {
-  CResponse response = WithFile(R"({"Status":1})");
-  response.ParseStdResponseFromFileData();
-  ExpectUnchanged(response, 1);
-}
-
-TEST(StdResponseFile, LeavesContentThatIsNotJsonInPlace) {
-  CResponse response = WithFile(R"({"status":1,])");
-  response.ParseStdResponseFromFileData();
-  ExpectUnchanged(response, 1);
-}
-
-TEST(StdResponseFile, LeavesAnArrayRootInPlace) {
-  CResponse response = WithFile(R"([{"status":1}])");
-  response.ParseStdResponseFromFileData();
-  ExpectUnchanged(response, 1);
-}
+INSTANTIATE_TEST_SUITE_P(Contents, StdResponseFileNotStandard,
+                         testing::Values(NotStandardCase{"WithoutStatus", R"({"result":"ok"})"},
+                                         NotStandardCase{"WithMisspelledStatus", R"({"Status":1})"},
+                                         NotStandardCase{"NotJson", R"({"status":1,])"},
+                                         NotStandardCase{"ArrayRoot", R"([{"status":1}])"}),
+                         [](const testing::TestParamInfo<NotStandardCase>& info) {
+                           return info.param.what;
+                         });
 
 TEST(StdResponseFile, StatusAloneResetsSessionAndProgress) {
   CResponse response = WithFile(R"({"status":1})");
@@ -133,20 +133,11 @@ TEST(StdResponseFile, LaterDuplicateWins) {
 
 TEST(StdResponseFile, PhaseAloneLeavesTheOtherNumbers) {
   CResponse response = WithFile(R"({"status":1,"phase":{"pos":1,"total":2}})");
-  response.Progress.PhaseProgressPos = 11;
-  response.Progress.PhaseProgressTotal = 12;
-  response.Progress.TaskProgressPos = 13;
-  response.Progress.TaskProgressTotal = 14;
-  response.Progress.TaskProgressTime = 15;
+  response.Progress = SetProgress({0, 0, 11, 12, 13, 14, 15});
+  response.Progress.IsSet = false;
   response.ParseStdResponseFromFileData();
   EXPECT_TRUE(response.Progress.IsSet);
-  EXPECT_EQ(response.Progress.PhasePos, 1);
-  EXPECT_EQ(response.Progress.PhaseTotal, 2);
-  EXPECT_EQ(response.Progress.PhaseProgressPos, 11);
-  EXPECT_EQ(response.Progress.PhaseProgressTotal, 12);
-  EXPECT_EQ(response.Progress.TaskProgressPos, 13);
-  EXPECT_EQ(response.Progress.TaskProgressTotal, 14);
-  EXPECT_EQ(response.Progress.TaskProgressTime, 15);
+  EXPECT_EQ(NumbersOf(response.Progress), (ProgressNumbers{1, 2, 11, 12, 13, 14, 15}));
 }
 
 TEST(StdResponseFile, ProgressMemberThatIsNotAnObjectReadsZeros) {
@@ -180,14 +171,7 @@ TEST(StdResponseFile, ReadsTheCommonFormBack) {
   CResponse original(Status(6));
   original.Session = L"S";
   original.Parameters[L"RESULT"] = L"ok";
-  original.Progress.IsSet = true;
-  original.Progress.PhasePos = 1;
-  original.Progress.PhaseTotal = 2;
-  original.Progress.PhaseProgressPos = 3;
-  original.Progress.PhaseProgressTotal = 4;
-  original.Progress.TaskProgressPos = 5;
-  original.Progress.TaskProgressTotal = 6;
-  original.Progress.TaskProgressTime = 7;
+  original.Progress = SetProgress({1, 2, 3, 4, 5, 6, 7});
   CResponse response;
   response.Data.push_back(JsonFile(original.ToCommonJsonString()));
   response.ParseStdResponseFromFileData();
@@ -195,8 +179,7 @@ TEST(StdResponseFile, ReadsTheCommonFormBack) {
   EXPECT_EQ(response.Session, original.Session);
   EXPECT_EQ(response.Parameters, original.Parameters);
   EXPECT_TRUE(response.Progress.IsSet);
-  EXPECT_EQ(response.Progress.TaskProgressTime, 7);
-  EXPECT_EQ(response.Progress.PhaseProgressTotal, 4);
+  EXPECT_EQ(NumbersOf(response.Progress), NumbersOf(original.Progress));
   EXPECT_TRUE(response.Data.empty());
 }
 

@@ -2,26 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>  // std::min, std::max
-#include <atomic>
-#include <cctype>  // std::isalnum
 #include <filesystem>
 #include <future>
 #include <thread>
+#include <utility>  // std::move
 
-#ifdef _WIN32
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
-#else
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#endif
+#include "pipe/detail/PacketFraming.h"
 
 namespace pendrel_test {
 
@@ -30,44 +16,6 @@ using Pendrel::base::Deadline;
 using Pendrel::detail::ETransportFailure;
 
 std::wstring UniquePipeName() { return UniqueTestPipeName("pt"); }
-
-std::uint32_t PeerGoneCode() {
-#ifdef _WIN32
-  return ERROR_BROKEN_PIPE;
-#else
-  return EPIPE;
-#endif
-}
-
-std::string MakePacket(std::uint32_t remaining, std::uint32_t payloadLength,
-                       std::string_view payload, std::size_t packetSize) {
-  std::string packet(std::max(packetSize, payload.size() + 8), '\0');
-  for (int i = 0; i < 4; ++i) {
-    packet[i] = static_cast<char>((remaining >> (8 * i)) & 0xFF);
-    packet[4 + i] = static_cast<char>((payloadLength >> (8 * i)) & 0xFF);
-  }
-  packet.replace(8, payload.size(), payload);
-  packet.resize(packetSize);
-  return packet;
-}
-
-std::uint32_t HeaderWord(std::string_view packet, int index) {
-  std::uint32_t value = 0;
-  for (int i = 3; i >= 0; --i) {
-    value = (value << 8) | static_cast<unsigned char>(packet.at(4 * index + i));
-  }
-  return value;
-}
-
-std::string PatternMessage(std::size_t size, unsigned seed) {
-  std::string message(size, '\0');
-  std::uint32_t state = 0x9E3779B9u * (seed + 1);
-  for (char& c : message) {
-    state = state * 1664525u + 1013904223u;
-    c = static_cast<char>(state >> 24);
-  }
-  return message;
-}
 
 std::uint32_t RawClient::ConnectOnce(const std::wstring& name) { return m_transport.Connect(name); }
 
@@ -108,6 +56,15 @@ bool RawClient::Write(std::string_view packet, std::chrono::milliseconds timeout
   m_transport.Send(packet);
   while (!m_sent && !Failed() && Clock::now() < deadline) Pump(deadline);
   return m_sent;
+}
+
+bool RawClient::WriteMessage(std::string message, std::uint32_t packetSize) {
+  Pendrel::detail::PacketWriter writer;
+  writer.Begin(std::move(message), packetSize);
+  for (; writer.Active(); writer.PacketSent()) {
+    if (!Write(writer.CurrentPacket())) return false;
+  }
+  return true;
 }
 
 bool RawClient::WaitForFailure(std::chrono::milliseconds timeout) {

@@ -1,6 +1,7 @@
-// Helpers of the pipe tests: unique pipe names, packets built by hand, a plain transport
-// client that sees the raw packets on the wire, a server channel with such a client, and
-// child processes that run this test program again in child mode.
+// Helpers of the pipe tests: unique pipe names, a plain transport client that sees the raw
+// packets on the wire, a server channel with such a client, and child processes that run
+// this test program again in child mode. Forged packets, pattern bytes and the peer-gone
+// error number come from the shared test support (tests/support).
 #pragma once
 
 #include <chrono>
@@ -14,6 +15,9 @@
 #include "base/Deadline.h"
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
+#include "tests/support/ForgedPacket.h"
+#include "tests/support/PatternBytes.h"
+#include "tests/support/Platform.h"
 #include "tests/support/TestProcess.h"
 
 namespace pendrel_test {
@@ -23,19 +27,6 @@ using namespace std::chrono_literals;
 // A pipe name no other test (or parallel test process) uses: process id, counter and the
 // current test's name.
 std::wstring UniquePipeName();
-
-// The error number a reader sees when its peer has closed its end.
-std::uint32_t PeerGoneCode();
-
-// A packet of `packetSize` bytes with the header words given as they are (possibly lying),
-// then `payload`, then zeros.
-std::string MakePacket(std::uint32_t remaining, std::uint32_t payloadLength,
-                       std::string_view payload, std::size_t packetSize);
-std::uint32_t HeaderWord(std::string_view packet, int index);
-
-// Bytes that differ from message to message and along each message, so that a lost,
-// repeated or reordered piece shows.
-std::string PatternMessage(std::size_t size, unsigned seed);
 
 // A client end that is only the transport: tests read and write raw packets with it.
 class RawClient {
@@ -49,6 +40,9 @@ class RawClient {
   bool Read(std::string& packet, std::chrono::milliseconds timeout = 5s);
   // Writes one packet; false on failure or time-out.
   bool Write(std::string_view packet, std::chrono::milliseconds timeout = 5s);
+  // Writes `message` framed as the channel frames it, in packets of `packetSize` bytes;
+  // false on failure or time-out.
+  bool WriteMessage(std::string message, std::uint32_t packetSize = 32768);
   // Waits until the transport fails (the server end has gone); true if it did in time.
   bool WaitForFailure(std::chrono::milliseconds timeout = 5s);
 

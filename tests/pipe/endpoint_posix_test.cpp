@@ -15,6 +15,7 @@
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "tests/pipe/PipeTestSupport.h"
+#include "tests/support/Platform.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -26,15 +27,14 @@ namespace fs = std::filesystem;
 
 const std::wstring kOpenFailed = L"Ошибка открытия канала NamedPipe\n";
 
-// Points XDG_RUNTIME_DIR at a fresh folder for one test (each test runs in its own process).
+// Points XDG_RUNTIME_DIR at a fresh folder while a test runs, and gives it back afterwards.
 class PipeEndpoint : public testing::Test {
  protected:
-  void SetUp() override { ::setenv("XDG_RUNTIME_DIR", m_runtime.path().c_str(), 1); }
-  void TearDown() override { ::unsetenv("XDG_RUNTIME_DIR"); }
-
   fs::path Folder() const { return m_runtime.path() / "pendrel"; }
 
   pendrel_test::TempDir m_runtime;
+  pendrel_test::ScopedEnvironmentVariable m_runtimeVariable{"XDG_RUNTIME_DIR",
+                                                            m_runtime.path().string()};
 };
 
 mode_t ModeOf(const fs::path& path) {
@@ -60,7 +60,7 @@ TEST_F(PipeEndpoint, LivesInPrivateFolderUnderXdgRuntimeDir) {
 }
 
 TEST_F(PipeEndpoint, FallsBackToPerUserFolderInTmp) {
-  ::unsetenv("XDG_RUNTIME_DIR");
+  const pendrel_test::ScopedEnvironmentVariable noRuntimeFolder("XDG_RUNTIME_DIR", std::nullopt);
   const std::wstring name = UniquePipeName();
   const fs::path folder = "/tmp/pendrel-" + std::to_string(::geteuid());
   NamedPipeChannel server;

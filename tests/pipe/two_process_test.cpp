@@ -18,7 +18,7 @@ namespace {
 using Pendrel::EWaitResult;
 using Pendrel::NamedPipeChannel;
 using pendrel_test::ChildProcess;
-using pendrel_test::PatternMessage;
+using pendrel_test::PatternBytes;
 using pendrel_test::RawClient;
 using pendrel_test::UniquePipeName;
 using namespace std::chrono_literals;
@@ -37,10 +37,10 @@ TEST(PipeProcesses, EchoesMessagesOfEverySizeInOrderBothWays) {
   unsigned seed = 0;
   for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{32760}, std::size_t{32761},
                            std::size_t{1} << 20, std::size_t{64} << 20}) {
-    messages.push_back(PatternMessage(size, ++seed));
+    messages.push_back(PatternBytes(size, ++seed));
   }
   // Many in a row, of sizes around the packet boundaries.
-  for (unsigned i = 0; i < 40; ++i) messages.push_back(PatternMessage((i * 16381) % 98304, ++seed));
+  for (unsigned i = 0; i < 40; ++i) messages.push_back(PatternBytes((i * 16381) % 98304, ++seed));
   for (const std::string& message : messages) server.Post(message);
 
   for (std::size_t i = 0; i < messages.size(); ++i) {

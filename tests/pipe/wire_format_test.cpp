@@ -12,9 +12,9 @@ namespace {
 
 using Pendrel::EWaitResult;
 using Pendrel::NamedPipeChannel;
+using pendrel_test::ForgedPacket;
 using pendrel_test::HeaderWord;
-using pendrel_test::MakePacket;
-using pendrel_test::PatternMessage;
+using pendrel_test::PatternBytes;
 using pendrel_test::RawClient;
 using pendrel_test::UniquePipeName;
 using namespace std::chrono_literals;
@@ -26,6 +26,19 @@ const std::wstring kReadFailedInvalid = L"Ошибка чтения данных
 const std::wstring kReadFailedTooLarge = L"Ошибка чтения данных через NamedPipe (2) #8\n";
 
 bool IsZero(std::string_view bytes) { return bytes.find_first_not_of('\0') == std::string::npos; }
+
+// Whether the next message `server` receives within 5 s is `expected`.
+testing::AssertionResult ReceivesMessage(NamedPipeChannel& server, const std::string& expected) {
+  std::string received;
+  if (server.WaitForMessage(received, 5s) != EWaitResult::Message) {
+    return testing::AssertionFailure() << "no message came";
+  }
+  if (received != expected) {
+    return testing::AssertionFailure() << "a message of " << received.size() << " bytes came, "
+                                       << expected.size() << " expected";
+  }
+  return testing::AssertionSuccess();
+}
 
 TEST(PipeWire, SendsEmptyMessageAsOnePacketWithBothWordsZero) {
   NamedPipeChannel server;
@@ -50,7 +63,7 @@ TEST(PipeWire, DeliversEmptyPacketAsEmptyMessage) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  ASSERT_TRUE(client.Write(MakePacket(0, 0, "", kPacket)));
+  ASSERT_TRUE(client.Write(ForgedPacket(0, 0, "", kPacket)));
   std::string message = "untouched";
   ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Message);
   EXPECT_EQ(message, "");
@@ -61,7 +74,7 @@ TEST(PipeWire, SendsMessageOf32760BytesInOnePacket) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::string message = PatternMessage(kRoom, 1);
+  const std::string message = PatternBytes(kRoom, 1);
   server.Post(message);
   server.Post("x");
 
@@ -80,7 +93,7 @@ TEST(PipeWire, SplitsMessageAt32760Bytes) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::string message = PatternMessage(kRoom + 1, 2);
+  const std::string message = PatternBytes(kRoom + 1, 2);
   server.Post(message);
 
   std::string first;
@@ -103,15 +116,13 @@ TEST(PipeWire, ReassemblesMessageFromPackets) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::string message = PatternMessage(2 * kRoom + 5, 3);
-  ASSERT_TRUE(client.Write(MakePacket(2, kRoom, message.substr(0, kRoom), kPacket)));
-  ASSERT_TRUE(client.Write(MakePacket(1, kRoom, message.substr(kRoom, kRoom), kPacket)));
+  const std::string message = PatternBytes(2 * kRoom + 5, 3);
+  ASSERT_TRUE(client.Write(ForgedPacket(2, kRoom, message.substr(0, kRoom), kPacket)));
+  ASSERT_TRUE(client.Write(ForgedPacket(1, kRoom, message.substr(kRoom, kRoom), kPacket)));
   EXPECT_FALSE(server.HasMessage());
   // The filler of the last packet is not part of the message.
-  ASSERT_TRUE(client.Write(MakePacket(0, 5, message.substr(2 * kRoom) + "junk", kPacket)));
-  std::string received;
-  ASSERT_EQ(server.WaitForMessage(received, 5s), EWaitResult::Message);
-  EXPECT_TRUE(received == message);
+  ASSERT_TRUE(client.Write(ForgedPacket(0, 5, message.substr(2 * kRoom) + "junk", kPacket)));
+  EXPECT_TRUE(ReceivesMessage(server, message));
 }
 
 TEST(PipeWire, ReportsSenderThatStopsMidMessageWithPacketsStillExpected) {
@@ -119,9 +130,9 @@ TEST(PipeWire, ReportsSenderThatStopsMidMessageWithPacketsStillExpected) {
   server.SetTimeLimitMs(300);
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::string part = PatternMessage(kRoom, 4);
-  ASSERT_TRUE(client.Write(MakePacket(3, kRoom, part, kPacket)));
-  ASSERT_TRUE(client.Write(MakePacket(2, kRoom, part, kPacket)));
+  const std::string part = PatternBytes(kRoom, 4);
+  ASSERT_TRUE(client.Write(ForgedPacket(3, kRoom, part, kPacket)));
+  ASSERT_TRUE(client.Write(ForgedPacket(2, kRoom, part, kPacket)));
   const auto silent = std::chrono::steady_clock::now();
 
   std::string message;
@@ -154,7 +165,7 @@ TEST_P(PipeWireLyingHeader, IsReadFailure) {
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   // The server end may drop the connection before the client has seen its write complete.
-  client.Write(MakePacket(c.remaining, c.payload, "", c.packetBytes));
+  client.Write(ForgedPacket(c.remaining, c.payload, "", c.packetBytes));
   std::string message;
   ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error) << c.what;
   EXPECT_EQ(server.TakeErrorText(), *c.expected) << c.what;
@@ -181,12 +192,10 @@ TEST(PipeWire, AcceptsMessageOfExactlyTheLimit) {
   server.SetMaxMessageSize(kRoom + 1);
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::string message = PatternMessage(kRoom + 1, 5);
-  ASSERT_TRUE(client.Write(MakePacket(1, kRoom, message.substr(0, kRoom), kPacket)));
-  ASSERT_TRUE(client.Write(MakePacket(0, 1, message.substr(kRoom), kPacket)));
-  std::string received;
-  ASSERT_EQ(server.WaitForMessage(received, 5s), EWaitResult::Message);
-  EXPECT_TRUE(received == message);
+  const std::string message = PatternBytes(kRoom + 1, 5);
+  ASSERT_TRUE(client.Write(ForgedPacket(1, kRoom, message.substr(0, kRoom), kPacket)));
+  ASSERT_TRUE(client.Write(ForgedPacket(0, 1, message.substr(kRoom), kPacket)));
+  EXPECT_TRUE(ReceivesMessage(server, message));
 }
 
 TEST(PipeWire, StopsMessageThatNeverEndsAtTheLimit) {
@@ -195,7 +204,7 @@ TEST(PipeWire, StopsMessageThatNeverEndsAtTheLimit) {
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   // Always "one more to come": four packets pass the limit.
-  const std::string packet = MakePacket(1, kRoom, PatternMessage(kRoom, 6), kPacket);
+  const std::string packet = ForgedPacket(1, kRoom, PatternBytes(kRoom, 6), kPacket);
   for (int i = 0; i < 4; ++i) client.Write(packet);
   std::string message;
   ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
@@ -207,7 +216,7 @@ TEST(PipeWire, RefusesPacketLargerThanAnyAllowedMessage) {
   server.SetMaxMessageSize(1000);
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  client.Write(MakePacket(0, 10, "0123456789", 2 * kPacket));
+  client.Write(ForgedPacket(0, 10, "0123456789", 2 * kPacket));
   std::string message;
   ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
   EXPECT_EQ(server.TakeErrorText(), kReadFailedTooLarge);
@@ -219,15 +228,13 @@ TEST(PipeWire, ServerEndRaisesPacketSizeToLargerClientPackets) {
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   constexpr std::size_t kLarge = 65536;
-  const std::string message = PatternMessage(kLarge - 8, 7);
-  ASSERT_TRUE(client.Write(MakePacket(0, kLarge - 8, message, kLarge)));
-  std::string received;
-  ASSERT_EQ(server.WaitForMessage(received, 5s), EWaitResult::Message);
-  EXPECT_TRUE(received == message);
+  const std::string message = PatternBytes(kLarge - 8, 7);
+  ASSERT_TRUE(client.Write(ForgedPacket(0, kLarge - 8, message, kLarge)));
+  EXPECT_TRUE(ReceivesMessage(server, message));
   EXPECT_EQ(server.PacketSize(), kLarge);
 
   // From now on the server end writes packets of that size, too.
-  server.Post(PatternMessage(100000, 8));
+  server.Post(PatternBytes(100000, 8));
   std::string first;
   std::string second;
   ASSERT_TRUE(client.Read(first));
@@ -243,7 +250,7 @@ TEST(PipeWire, NeverSendsPacketsSmallerThan128Bytes) {
   server.SetPacketSize(16);
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  server.Post(PatternMessage(121, 9));
+  server.Post(PatternBytes(121, 9));
   std::string first;
   std::string second;
   ASSERT_TRUE(client.Read(first));

@@ -10,8 +10,6 @@
 
 namespace pendrel_reliability {
 
-std::uint32_t PeerGoneCode() { return EPIPE; }
-
 bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   // A zombie still answers kill(); only a collected process is gone.

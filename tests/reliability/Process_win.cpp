@@ -12,8 +12,6 @@
 
 namespace pendrel_reliability {
 
-std::uint32_t PeerGoneCode() { return ERROR_BROKEN_PIPE; }
-
 bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout) {
   const HANDLE process = ::OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
   if (process == nullptr) return true;  // no such process any more

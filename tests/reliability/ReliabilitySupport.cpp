@@ -4,20 +4,30 @@
 
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
+#include "tests/support/Platform.h"
+#include "tests/support/WaitFor.h"
 
 namespace pendrel_reliability {
 namespace {
 
 std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
 
+std::size_t LineCount(const std::filesystem::path& file) {
+  std::ifstream in(file);
+  std::size_t lines = 0;
+  for (std::string line; std::getline(in, line);) ++lines;
+  return lines;
+}
+
 }  // namespace
 
-Pendrel::CChannelFailure PeerGone() { return {Pendrel::EChannelFailure::PeerGone, PeerGoneCode()}; }
+Pendrel::CChannelFailure PeerGone() {
+  return {Pendrel::EChannelFailure::PeerGone, pendrel_test::PeerGoneCode()};
+}
 
 Pendrel::CChannelFailure RefusedPacket(std::uint32_t code) {
   return {Pendrel::EChannelFailure::ReadFailed, code};
@@ -31,30 +41,31 @@ Pendrel::CChannelFailure NoFailure() { return {}; }
 
 FaultHost::FaultHost(const std::wstring& options) {
   std::wstring arguments = L"--pid-file " + Quoted(m_dir.path() / "pid.txt") + L" --record " +
-                           Quoted(m_dir.path() / "record.txt");
+                           Quoted(m_dir.path() / "record.txt") + L" --answered " +
+                           Quoted(m_dir.path() / "answered.txt");
   if (!options.empty()) arguments += L" " + options;
   m_result = handler.Start(pendrel_fault::FaultHandlerPath(), 0, arguments);
 }
 
 std::uint32_t FaultHost::ProcessId() {
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (m_pid == 0 && std::chrono::steady_clock::now() < deadline) {
-    std::ifstream in(m_dir.path() / "pid.txt");
-    std::uint32_t pid = 0;
-    if (in >> pid) {
-      m_pid = pid;
-    } else {
-      std::this_thread::sleep_for(10ms);
-    }
+  if (m_pid == 0) {
+    pendrel_test::WaitFor(
+        [this] {
+          std::ifstream in(m_dir.path() / "pid.txt");
+          std::uint32_t pid = 0;
+          if (in >> pid) m_pid = pid;
+          return m_pid != 0;
+        },
+        5s);
   }
   return m_pid;
 }
 
-std::size_t FaultHost::Received() const {
-  std::ifstream in(m_dir.path() / "record.txt");
-  std::size_t lines = 0;
-  for (std::string line; std::getline(in, line);) ++lines;
-  return lines;
+std::size_t FaultHost::Received() const { return LineCount(m_dir.path() / "record.txt"); }
+
+bool FaultHost::WaitForAnswersSent(std::size_t count, std::chrono::milliseconds timeout) const {
+  return pendrel_test::WaitFor([&] { return LineCount(m_dir.path() / "answered.txt") >= count; },
+                               timeout);
 }
 
 Pendrel::CChannelFailure FaultHost::Failure() {

@@ -16,8 +16,6 @@ namespace pendrel_reliability {
 
 using namespace std::chrono_literals;
 
-// The error number a reader sees when its peer has ended: EPIPE, ERROR_BROKEN_PIPE.
-std::uint32_t PeerGoneCode();
 // The reader found the peer gone.
 Pendrel::CChannelFailure PeerGone();
 // A packet was refused (13 a lying header, 8 over the cap).
@@ -27,8 +25,8 @@ Pendrel::CChannelFailure PacketTimedOut(std::uint32_t remaining);
 // No failure.
 Pendrel::CChannelFailure NoFailure();
 
-// A CHandler started on the fault handler with `options`, which writes its process id and a
-// record of the messages it received into a folder of its own.
+// A CHandler started on the fault handler with `options`, which writes its process id, a
+// record of the messages it received and of the answers it sent into a folder of its own.
 class FaultHost {
  public:
   explicit FaultHost(const std::wstring& options = L"");
@@ -38,6 +36,9 @@ class FaultHost {
   std::uint32_t ProcessId();
   // How many messages the handler has recorded so far.
   std::size_t Received() const;
+  // Whether the handler has written at least `count` answers whole to the pipe within
+  // `timeout`.
+  bool WaitForAnswersSent(std::size_t count, std::chrono::milliseconds timeout) const;
   // The handler's error text, as UTF-8 for test messages.
   std::string ErrorMessage();
   // The handler's failure code; checks that ErrorMessage is the text made of it.

@@ -22,6 +22,7 @@
 #include "json/TextConversion.h"
 #include "pipe/NamedPipeChannel.h"
 #include "pipe/detail/PipeTransport.h"
+#include "tests/support/Platform.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestProcess.h"
 
@@ -68,23 +69,14 @@ int RunClientAs(const passwd& user, const std::string& socketPath) {
 class PrivateRuntimeFolder {
  public:
   PrivateRuntimeFolder() {
-    if (const char* old = std::getenv("XDG_RUNTIME_DIR")) m_old = old;
     // Others may pass through, not list; the library's folder inside is its own.
     ::chmod(m_dir.path().c_str(), 0711);
-    ::setenv("XDG_RUNTIME_DIR", m_dir.path().c_str(), 1);
-  }
-  ~PrivateRuntimeFolder() {
-    if (m_old.empty()) {
-      ::unsetenv("XDG_RUNTIME_DIR");
-    } else {
-      ::setenv("XDG_RUNTIME_DIR", m_old.c_str(), 1);
-    }
   }
   std::filesystem::path Endpoints() const { return m_dir.path() / "pendrel"; }
 
  private:
   pendrel_test::TempDir m_dir;
-  std::string m_old;
+  pendrel_test::ScopedEnvironmentVariable m_variable{"XDG_RUNTIME_DIR", m_dir.path().string()};
 };
 
 TEST(PipeOtherUser, CannotConnectEvenWhenTheFolderIsOpened) {

@@ -19,8 +19,10 @@
 #include "pipe/detail/PipeTransport.h"
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
+#include "tests/support/ForgedPacket.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestProcess.h"
+#include "tests/support/WaitFor.h"
 
 namespace pendrel_reliability {
 namespace {
@@ -36,12 +38,8 @@ std::string ReadAll(const std::filesystem::path& file) {
 
 bool WaitForText(const std::filesystem::path& file, const std::string& text,
                  std::chrono::milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (ReadAll(file).find(text) == std::string::npos) {
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
+  return pendrel_test::WaitFor([&] { return ReadAll(file).find(text) != std::string::npos; },
+                               timeout);
 }
 
 // The names Start tries first on this thread while it lives.
@@ -98,12 +96,9 @@ void Impersonate(const std::wstring& name, const std::atomic<bool>& stop, Impost
       continue;
     }
     ++view.connections;
-    std::string forged(32768, '\0');
     const std::string answer = R"({"status":0,"Parameters":{"Command":"forged"}})";
-    Pendrel::detail::PutLittleEndian32(forged.data() + 4,
-                                       static_cast<std::uint32_t>(answer.size()));
-    forged.replace(8, answer.size(), answer);
-    pipe.Send(forged);
+    pipe.Send(
+        pendrel_test::ForgedPacket(0, static_cast<std::uint32_t>(answer.size()), answer, 32768));
     const auto deadline = Clock::now() + 10s;
     while (Clock::now() < deadline) {
       const Pendrel::detail::TransportEvents events = pipe.Wait(deadline, 32768, 1 << 20);

@@ -14,6 +14,7 @@
 #include "pipe/NamedPipeChannel.h"
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
+#include "tests/support/PatternBytes.h"
 
 namespace pendrel_reliability {
 namespace {
@@ -60,7 +61,7 @@ TEST(HugeMessage, HostKeepsNothingOfAnExchangeThatIsOver) {
   ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
   ASSERT_EQ(EchoProblem(host.handler, L"small", "x"), "");
   const std::int64_t before = HeapBytesInUse();
-  ASSERT_EQ(EchoProblem(host.handler, L"large", pendrel_fault::PatternBytes(8 * kMiB)), "");
+  ASSERT_EQ(EchoProblem(host.handler, L"large", pendrel_test::PatternBytes(8 * kMiB)), "");
   EXPECT_LT(HeapBytesInUse() - before, 64 * 1024);
 }
 
@@ -68,7 +69,7 @@ TEST(HugeMessage, QuarterGibibyteGoesEachWayIntact) {
   // Slow builds (sanitizers, Wine) take a while; the handler ends itself after a minute.
   FaultHost host(L"--lifetime-ms 600000");
   ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
-  EXPECT_EQ(EchoProblem(host.handler, L"huge", pendrel_fault::PatternBytes(256 * kMiB)), "");
+  EXPECT_EQ(EchoProblem(host.handler, L"huge", pendrel_test::PatternBytes(256 * kMiB)), "");
 }
 
 }  // namespace

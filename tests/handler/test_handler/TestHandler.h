@@ -6,6 +6,9 @@
 //   (none)                  answers every message as described at the constants below
 //   --record FILE           appends every message it receives, exactly, to FILE (format:
 //                           AppendRecordedMessage), before acting on it
+//   --done FILE             creates FILE once the library has closed the pipe and the
+//                           handler has recorded everything it received (normal and broken
+//                           modes alike)
 //   --info NAME,DESC,VER    "RequestHandlerInfo" answers these (split at the commas)
 //   --lib-version TEXT      "RequestLibVersion" answers "LibVersion" = TEXT as it stands
 //   --input-file-size TEXT  "RequestInputFileSize" answers "InputFileSize" = TEXT
@@ -46,7 +49,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/ProgramPath.h"
+#include "tests/support/Platform.h"
+#include "tests/support/WaitFor.h"
 
 namespace pendrel_test {
 
@@ -123,12 +127,13 @@ inline std::vector<std::string> ReadRecordedMessages(const std::filesystem::path
 inline std::vector<std::string> WaitForRecordedMessages(const std::filesystem::path& file,
                                                         std::size_t count,
                                                         std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::vector<std::string> messages = ReadRecordedMessages(file);
-  while (messages.size() < count && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    messages = ReadRecordedMessages(file);
-  }
+  std::vector<std::string> messages;
+  WaitFor(
+      [&] {
+        messages = ReadRecordedMessages(file);
+        return messages.size() >= count;
+      },
+      timeout);
   return messages;
 }
 

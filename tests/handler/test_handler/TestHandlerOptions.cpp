@@ -72,6 +72,8 @@ bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
     bool valid = true;
     if (name == L"--record") {
       options.recordFile = value;
+    } else if (name == L"--done") {
+      options.doneFile = value;
     } else if (name == L"--info") {
       const std::vector<std::wstring> parts = SplitAtCommas(value);
       valid = parts.size() == 3;

@@ -13,6 +13,7 @@ namespace pendrel_test {
 
 struct TestHandlerOptions {
   std::wstring recordFile;  // empty: no record
+  std::wstring doneFile;    // empty: none
   PendrelKit::CHandlerDescription info;
   std::wstring libVersion;
   std::wstring inputFileSize;

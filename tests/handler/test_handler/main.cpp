@@ -6,15 +6,17 @@
 #include <cstdio>
 #include <cstdlib>  // std::_Exit
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "handler_kit/HandlerKit.h"
 #include "json/TextConversion.h"
-#include "tests/handler/test_handler/RawPipe.h"
 #include "tests/handler/test_handler/TestHandler.h"
 #include "tests/handler/test_handler/TestHandlerOptions.h"
+#include "tests/support/ForgedPacket.h"
+#include "tests/support/PacketPipe.h"
 
 namespace pendrel_test {
 namespace {
@@ -128,7 +130,7 @@ class TestHandler {
   // --crash-mid-answer and --lying-header: the messages before the broken one are answered
   // as usual, over the bare transport.
   int RunBroken(const std::wstring& pipeName) {
-    RawPipe pipe;
+    PacketPipe pipe;
     if (!pipe.Connect(pipeName, kConnectTime)) return kExitNoConnection;
     std::string message;
     for (unsigned index = 1; pipe.ReadMessage(message); ++index) {
@@ -142,14 +144,14 @@ class TestHandler {
       if (m_options.crashMidAnswer) {
         // Blanks after the document keep it valid JSON, should it ever arrive whole.
         const std::size_t packets = *m_options.crashMidAnswer;
-        answer.resize(std::max(answer.size(), packets * RawPipe::kPayloadRoom + 1), ' ');
+        answer.resize(std::max(answer.size(), packets * pipe.PayloadRoom() + 1), ' ');
         pipe.WritePackets(answer, packets);
         // No clean-up and no closing message: the process is simply gone.
         std::_Exit(kExitCrashed);
       }
-      const std::string payload(RawPipe::kPacketSize, 'x');
-      pipe.WritePacket(
-          RawPipe::MakePacket(0, static_cast<std::uint32_t>(RawPipe::kPacketSize), payload));
+      // A payload as long as the whole packet: 8 bytes more than the packet holds.
+      pipe.WritePacket(ForgedPacket(0, pipe.PacketSize(), std::string(pipe.PacketSize(), 'x'),
+                                    pipe.PacketSize()));
       pipe.WaitForEnd(kLyingHeaderWait);
       break;
     }
@@ -188,8 +190,11 @@ int Main() {
     std::this_thread::sleep_for(kNeverConnectSleep);
     return kExitNormal;
   }
+  const std::filesystem::path doneFile(options.doneFile);
   TestHandler handler(std::move(options));
-  return handler.Run(arguments);
+  const int code = handler.Run(arguments);
+  if (!doneFile.empty()) std::ofstream(doneFile) << code << '\n';
+  return code;
 }
 
 }  // namespace

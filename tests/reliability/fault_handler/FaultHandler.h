@@ -11,6 +11,8 @@
 //   --connect-delay-ms N     waits N ms before opening the pipe
 //   --record FILE            appends "<bytes> <checksum>\n" to FILE for every message it
 //                            receives, before acting on it
+//   --answered FILE          appends "<bytes>\n" to FILE for every answer once it has been
+//                            written to the pipe whole
 //   --pid-file FILE          writes its process id to FILE first thing
 //   --lifetime-ms N          ends the process with kExitLifetime N ms after it started
 //   --flood N                right after connecting, sends FloodAnswer(1) … FloodAnswer(N)
@@ -18,7 +20,8 @@
 //   --deep-answer N          answers every message with a response whose parameter "deep"
 //                            is N nested arrays
 //   --answer-bytes N         answers every message with one file of N bytes of
-//                            PatternBytes(N) (named by its checksum, as ChecksumAnswer does)
+//                            pendrel_test::PatternBytes(N) (named by its checksum, as
+//                            ChecksumAnswer does)
 // The first message is answered by breaking the protocol, with one of:
 //   --crash-after-packets K  an answer that takes K + 1 packets, of which K are written;
 //                            then the process ends at once with kExitCrashed
@@ -49,7 +52,7 @@
 
 #include "message/CRequest.h"
 #include "message/CResponse.h"
-#include "tests/support/ProgramPath.h"
+#include "tests/support/Platform.h"
 
 namespace pendrel_fault {
 
@@ -103,18 +106,6 @@ inline Pendrel::CResponse ChecksumAnswer(const Pendrel::CRequest& request,
 // The k-th unrequested message of --flood: a response with Parameters {"Flood": "<k>"}.
 inline std::string FloodAnswer(unsigned k) {
   return "{\"status\":0,\"Parameters\":{\"Flood\":\"" + std::to_string(k) + "\"}}";
-}
-
-// Bytes that differ along the data, all 256 values included, so that a lost or repeated
-// piece shows.
-inline std::string PatternBytes(std::size_t size) {
-  std::string bytes(size, '\0');
-  std::uint32_t state = 0x9E3779B9u;
-  for (char& c : bytes) {
-    state = state * 1664525u + 1013904223u;
-    c = static_cast<char>(state >> 24);
-  }
-  return bytes;
 }
 
 #ifdef PENDREL_FAULT_HANDLER_PATH

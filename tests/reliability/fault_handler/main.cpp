@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>  // std::_Exit, std::strtoull
-#include <deque>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -19,25 +18,23 @@
 #include "message/CRequest.h"
 #include "message/CResponse.h"
 #include "pipe/detail/PacketFraming.h"
-#include "pipe/detail/PipeTransport.h"
 #include "protocol/HandlerProtocol.h"
 #include "tests/reliability/fault_handler/FaultHandler.h"
 #include "tests/reliability/fault_handler/Squat.h"
+#include "tests/support/ForgedPacket.h"
+#include "tests/support/PacketPipe.h"
+#include "tests/support/PatternBytes.h"
 
 namespace pendrel_fault {
 namespace {
 
 using namespace std::chrono_literals;
-using Pendrel::base::Clock;
-using Pendrel::base::Deadline;
 using Pendrel::detail::kPacketHeaderSize;
-using Pendrel::detail::MessageAssembler;
-using Pendrel::detail::PacketWriter;
+using pendrel_test::PacketPipe;
+using pendrel_test::PatternBytes;
 
 constexpr auto kConnectTime = 10s;
 constexpr std::uint32_t kDefaultLifetimeMs = 60000;
-// Messages from the library stay far below this; its own cap is 1 GiB.
-constexpr std::uint64_t kMaxMessage = std::uint64_t{2} << 30;
 
 struct Options {
   std::wstring pipeName;
@@ -45,6 +42,7 @@ struct Options {
   unsigned delayMs = 0;
   unsigned connectDelayMs = 0;
   std::string recordFile;
+  std::string answeredFile;
   std::string pidFile;
   std::uint32_t lifetimeMs = kDefaultLifetimeMs;
   unsigned flood = 0;
@@ -119,6 +117,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       ok = ReadNumber(next, options.connectDelayMs);
     } else if (argument == "--record" && next != nullptr) {
       options.recordFile = next;
+    } else if (argument == "--answered" && next != nullptr) {
+      options.answeredFile = next;
     } else if (argument == "--pid-file" && next != nullptr) {
       options.pidFile = next;
     } else if (argument == "--lifetime-ms") {
@@ -162,93 +162,6 @@ bool ParseOptions(int argc, char** argv, Options& options) {
   return !options.pipeName.empty() || !options.squatName.empty();
 }
 
-// The client end of the pipe, driven packet by packet.
-class FaultPipe {
- public:
-  explicit FaultPipe(std::uint32_t packetSize) : m_packetSize(packetSize) {}
-
-  bool Connect(const std::wstring& name) {
-    const Deadline deadline = Clock::now() + kConnectTime;
-    while (m_transport.Connect(name) != 0) {
-      if (Clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(20ms);
-    }
-    return true;
-  }
-
-  // The next whole message; false once the pipe has failed or a packet made no sense.
-  bool ReadMessage(std::string& message) {
-    for (;;) {
-      while (m_packets.empty()) {
-        if (m_failed) return false;
-        Pump(Deadline::max());
-      }
-      const std::string packet = std::move(m_packets.front());
-      m_packets.pop_front();
-      // Whatever size the library writes is taken as it comes.
-      const auto wire =
-          static_cast<std::uint32_t>(std::max<std::size_t>(packet.size(), kPacketHeaderSize));
-      switch (m_assembler.Add(packet, wire, kMaxMessage)) {
-        case MessageAssembler::EStep::Complete:
-          message = m_assembler.TakeMessage();
-          return true;
-        case MessageAssembler::EStep::Partial:
-          break;
-        case MessageAssembler::EStep::Invalid:
-        case MessageAssembler::EStep::TooLarge:
-          return false;
-      }
-    }
-  }
-
-  bool WritePacket(std::string_view packet) {
-    m_sent = false;
-    m_transport.Send(packet);
-    while (!m_sent && !m_failed) Pump(Deadline::max());
-    return m_sent;
-  }
-
-  // Writes the first `count` packets of `message` in this pipe's packet size.
-  bool WritePackets(std::string message, std::size_t count) {
-    PacketWriter writer;
-    writer.Begin(std::move(message), m_packetSize);
-    for (std::size_t k = 0; k < count && writer.Active(); ++k) {
-      if (!WritePacket(writer.CurrentPacket())) return false;
-      writer.PacketSent();
-    }
-    return true;
-  }
-  bool WriteMessage(std::string message) { return WritePackets(std::move(message), SIZE_MAX); }
-
-  // Packets a message of `size` bytes takes.
-  std::size_t PacketCount(std::size_t size) const {
-    const std::size_t room = m_packetSize - kPacketHeaderSize;
-    return size == 0 ? 1 : (size - 1) / room + 1;
-  }
-  std::uint32_t PacketSize() const { return m_packetSize; }
-
-  // Returns once the pipe has failed (the library closed it).
-  void WaitForEnd() {
-    while (!m_failed) Pump(Deadline::max());
-  }
-
- private:
-  void Pump(Deadline deadline) {
-    const Pendrel::detail::TransportEvents events =
-        m_transport.Wait(deadline, m_packetSize, static_cast<std::size_t>(kMaxMessage));
-    if (events.received) m_packets.emplace_back(m_transport.Packet());
-    if (events.sent) m_sent = true;
-    if (events.failure != Pendrel::detail::ETransportFailure::None) m_failed = true;
-  }
-
-  Pendrel::detail::PipeTransport m_transport;
-  std::uint32_t m_packetSize;
-  MessageAssembler m_assembler;
-  std::deque<std::string> m_packets;
-  bool m_sent = false;
-  bool m_failed = false;
-};
-
 std::string DeepAnswer(unsigned depth) {
   std::string text = "{\"status\":0,\"Parameters\":{\"deep\":";
   text.append(depth, '[');
@@ -276,20 +189,25 @@ void Record(const Options& options, const std::string& message) {
   out << message.size() << ' ' << Pendrel::Utf16ToUtf8(ChecksumText(message)) << '\n';
 }
 
+void RecordAnswered(const Options& options, std::size_t answerBytes) {
+  if (options.answeredFile.empty()) return;
+  std::ofstream out(options.answeredFile, std::ios::binary | std::ios::app);
+  out << answerBytes << '\n';
+}
+
 bool IsBreaking(const Options& options) {
   return options.crashAfterPackets || options.hangAfterPackets || !options.garbage.empty() ||
          options.header;
 }
 
 // Answers the first message by breaking the protocol as the options say.
-int Break(const Options& options, FaultPipe& pipe, const std::string& message) {
+int Break(const Options& options, PacketPipe& pipe, const std::string& message) {
   if (options.crashAfterPackets || options.hangAfterPackets) {
     const std::size_t written =
         options.crashAfterPackets ? *options.crashAfterPackets : *options.hangAfterPackets;
     // Blanks after the document keep it valid JSON, should it ever arrive whole.
     std::string answer = AnswerTo(options, message);
-    const std::size_t room = pipe.PacketSize() - kPacketHeaderSize;
-    answer.resize(std::max(answer.size(), written * room + 1), ' ');
+    answer.resize(std::max(answer.size(), written * pipe.PayloadRoom() + 1), ' ');
     pipe.WritePackets(answer, written);
     // No clean-up and no closing message: the process is simply gone.
     if (options.crashAfterPackets) std::_Exit(kExitCrashed);
@@ -298,10 +216,9 @@ int Break(const Options& options, FaultPipe& pipe, const std::string& message) {
   } else if (options.garbage == "ones") {
     pipe.WritePacket(std::string(pipe.PacketSize(), '\xFF'));
   } else if (options.header) {
-    std::string packet(pipe.PacketSize(), 'x');
-    Pendrel::detail::PutLittleEndian32(packet.data(), options.header->first);
-    Pendrel::detail::PutLittleEndian32(packet.data() + 4, options.header->second);
-    pipe.WritePacket(packet);
+    pipe.WritePacket(pendrel_test::ForgedPacket(options.header->first, options.header->second,
+                                                std::string(pipe.PayloadRoom(), 'x'),
+                                                pipe.PacketSize()));
   }
   pipe.WaitForEnd();
   return kExitNormal;
@@ -311,8 +228,8 @@ int Serve(const Options& options) {
   if (options.connectDelayMs > 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(options.connectDelayMs));
   }
-  FaultPipe pipe(options.packetSize);
-  if (!pipe.Connect(options.pipeName)) return kExitNoConnection;
+  PacketPipe pipe(options.packetSize);
+  if (!pipe.Connect(options.pipeName, kConnectTime)) return kExitNoConnection;
   for (unsigned k = 1; k <= options.flood; ++k) {
     if (!pipe.WriteMessage(FloodAnswer(k))) return kExitNormal;
   }
@@ -322,7 +239,10 @@ int Serve(const Options& options) {
     if (options.delayMs > 0)
       std::this_thread::sleep_for(std::chrono::milliseconds(options.delayMs));
     if (IsBreaking(options)) return Break(options, pipe, message);
-    if (!pipe.WriteMessage(AnswerTo(options, message))) break;
+    std::string answer = AnswerTo(options, message);
+    const std::size_t answerSize = answer.size();
+    if (!pipe.WriteMessage(std::move(answer))) break;
+    RecordAnswered(options, answerSize);
   }
   return kExitNormal;
 }
