@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "base/Deadline.h"
@@ -51,6 +52,10 @@ enum class EAcceptResult {
   TimedOut,   // the deadline passed without an acceptable client
   Failed,     // the endpoint failed; the error number is in `error`
 };
+
+// The folder in which the server endpoints of this process live: the private socket folder
+// on Linux, \\.\pipe on Windows. What a handler is told to find its pipe in.
+std::wstring EndpointFolder();
 
 class PipeTransport {
  public:

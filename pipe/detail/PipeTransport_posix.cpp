@@ -43,19 +43,20 @@ struct EndpointPath {
   std::string lock;
 };
 
+std::string EndpointFolderPath() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/pendrel";
+  // Not std::to_string: its digit table would become an exported (GNU unique) symbol.
+  return FormatString("/tmp/pendrel-%u", static_cast<unsigned>(::geteuid()));
+}
+
 std::uint32_t MakeEndpointPath(std::wstring_view name, EndpointPath& path) {
   const std::string bare = Utf16ToUtf8(name);
   if (bare.empty() || bare == "." || bare == ".." ||
       bare.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
     return EINVAL;
   }
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && runtime[0] == '/') {
-    path.folder = std::string(runtime) + "/pendrel";
-  } else {
-    // Not std::to_string: its digit table would become an exported (GNU unique) symbol.
-    path.folder = FormatString("/tmp/pendrel-%u", static_cast<unsigned>(::geteuid()));
-  }
+  path.folder = EndpointFolderPath();
   path.socket = path.folder + "/" + bare;
   path.lock = path.socket + ".lock";
   if (path.socket.size() >= sizeof(sockaddr_un{}.sun_path)) return ENAMETOOLONG;
@@ -401,5 +402,7 @@ void PipeTransport::Wake() noexcept {
     RetryOnEintr([&] { return ::eventfd_write(m_impl->wake.Get(), 1); });
   }
 }
+
+std::wstring EndpointFolder() { return Utf8ToUtf16(EndpointFolderPath()); }
 
 }  // namespace Pendrel::detail

@@ -441,4 +441,6 @@ void PipeTransport::Wake() noexcept {
   if (m_impl->wake) ::SetEvent(m_impl->wake.Get());
 }
 
+std::wstring EndpointFolder() { return L"\\\\.\\pipe"; }
+
 }  // namespace Pendrel::detail
