@@ -302,12 +302,16 @@ TEST(HandlerKitPipe, OnMessageSeesEveryMessageFirstAndMayTakeItOver) {
 
 TEST(HandlerKitPipe, OnConnectedRunsBeforeTheFirstMessageAndMayPost) {
   CHandlerKit kit;
-  std::atomic<bool> posted{false};
-  kit.OnConnected = [&] { posted = kit.Post("hello"); };
+  // Post's result reaches the test once OnConnected has it, which may be after the message
+  // itself has arrived.
+  std::promise<bool> posted;
+  kit.OnConnected = [&] { posted.set_value(kit.Post("hello")); };
   KitConversation conversation(kit);
   ASSERT_TRUE(conversation.Connected());
   EXPECT_EQ(conversation.Next(), "hello");
-  EXPECT_TRUE(posted);
+  std::future<bool> result = posted.get_future();
+  ASSERT_EQ(result.wait_for(10s), std::future_status::ready);
+  EXPECT_TRUE(result.get());
   EXPECT_EQ(conversation.Exchange("RequestLibVersion"),
             "{\"status\":3,\"Parameters\":{\"LibVersion\":\"4\"}}");
 }
