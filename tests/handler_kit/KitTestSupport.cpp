@@ -43,6 +43,7 @@ std::string ServerConversation::Next(std::chrono::milliseconds timeout) {
       return message;
     case Pendrel::EWaitResult::Error:
       return "<error>";
+    case Pendrel::EWaitResult::Interrupted:  // nobody interrupts the server's channel
     case Pendrel::EWaitResult::TimedOut:
       break;
   }

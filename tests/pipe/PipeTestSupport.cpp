@@ -128,6 +128,7 @@ int RunPipeChild(int argc, char** argv) {
       case Pendrel::EWaitResult::Error:
         // The parent closed its end: the normal way out.
         return 0;
+      case Pendrel::EWaitResult::Interrupted:  // nobody interrupts this channel
       case Pendrel::EWaitResult::TimedOut:
         return 3;
     }
