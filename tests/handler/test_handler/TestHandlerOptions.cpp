@@ -62,6 +62,14 @@ bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
       options.lyingHeader = true;
       continue;
     }
+    if (name == L"--abort-on-request") {
+      options.abortOnRequest = true;
+      continue;
+    }
+    if (name == L"--hang-in-request") {
+      options.hangInRequest = true;
+      continue;
+    }
     if (i + 1 >= arguments.size()) {
       error = L"unknown option or missing value: " + name;
       return false;
@@ -99,6 +107,18 @@ bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
     } else if (name == L"--crash-mid-answer") {
       valid = isCount;
       options.crashMidAnswer = number;
+    } else if (name == L"--exit-code") {
+      valid = isCount && number < 256;
+      options.exitCode = number;
+    } else if (name == L"--print") {
+      options.print = value;
+    } else if (name == L"--pid-file") {
+      options.pidFile = value;
+    } else if (name == L"--report-env") {
+      options.reportEnv = value;
+    } else if (name == L"--close-grace-ms") {
+      valid = isCount;
+      options.closeGraceMs = number;
     } else if (name == L"--broken-at") {
       valid = isCount && number > 0;
       options.brokenAt = number;
