@@ -149,6 +149,14 @@ CHandlerExit CHandler::GetHandlerExit(std::uint32_t waitMs) {
   return connection->child.WaitForExit(milliseconds(waitMs));
 }
 
+CHandlerExit CHandler::Stop(std::uint32_t waitMs) {
+  State& state = *m_state;
+  if (!state.connection) return {};
+  const auto waitForExit = state.connection->child.ExitWaiter();
+  state.LetGo(StopGracePeriodMs);
+  return waitForExit(milliseconds(waitMs));
+}
+
 std::uint32_t CHandler::GetStartErrorNumber() { return m_state->startError; }
 
 EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response) {

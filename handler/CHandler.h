@@ -142,6 +142,14 @@ class PENDREL_API CHandler {
   // has not ended by then. Never fails. Any thread.
   CHandlerExit GetHandlerExit(std::uint32_t waitMs = 0);
 
+  // Lets go of the handler as the destructor does (the pipe closes once no copy holds it),
+  // then waits up to `waitMs` milliseconds for its process to end, and says how it ended:
+  // Running when it has not by then, None when no process was started. Afterwards this
+  // object holds no handler: exchanges return NotStarted until the next Start. For a host
+  // about to end, since a handler ends with its host: waiting lets the handler finish what
+  // it was sent. Owner's thread, like Start.
+  CHandlerExit Stop(std::uint32_t waitMs);
+
   // The system's error number (errno, GetLastError()) that made the last Start fail: the
   // program could not be started (LaunchFailed) or its pipe could not be made (OpenFailed);
   // 0 when Start succeeded, failed otherwise or was not called. Any thread.

@@ -66,6 +66,10 @@ class ChildProcess {
   // Start or after Release. Any thread.
   CHandlerExit WaitForExit(std::chrono::milliseconds timeout);
 
+  // A wait for the end of this process (as WaitForExit) that stays usable after Release and
+  // after this object is gone. Call after Start; any thread may call the wait.
+  std::function<CHandlerExit(std::chrono::milliseconds)> ExitWaiter() const;
+
   // Hands the process to supervision: the exit watch ends, and a process that has not
   // ended within `gracePeriod` is killed (SIGKILL, TerminateProcess); it is collected
   // either way. Returns at once. Later calls do nothing. Owner's thread.

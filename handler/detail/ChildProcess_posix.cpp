@@ -74,6 +74,14 @@ struct ExitRecord {
   bool ended = false;               // guarded by mutex
   CHandlerExit end;                 // guarded by mutex
 
+  CHandlerExit Wait(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!changed.wait_for(lock, timeout, [this] { return ended; })) {
+      return {EHandlerEnd::Running, 0};
+    }
+    return end;
+  }
+
   void Set(const CHandlerExit& value) {
     const std::lock_guard<std::mutex> lock(mutex);
     ended = true;
@@ -288,15 +296,22 @@ class Supervisor {
   }
 
   // Called under m_mutex. The thread blocks every signal: the host's handlers never run on
-  // it, and a child forked from it starts with them blocked until its exec.
+  // it, and a child forked from it starts with them blocked until its exec. It is detached,
+  // as nobody ever joins it. A process forked from the host without exec has no such thread
+  // (only the forking thread goes on in it) and none of the host's children: it starts
+  // afresh.
   void EnsureThread() {
-    if (m_thread.joinable()) return;
+    const pid_t self = ::getpid();
+    if (m_threadProcess == self) return;
+    m_entries.clear();
+    m_tasks.clear();
     sigset_t all;
     sigset_t previous;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &previous);
-    m_thread = std::thread([this] { Run(); });
+    std::thread([this] { Run(); }).detach();
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    m_threadProcess = self;
   }
 
   [[noreturn]] void Run() {
@@ -384,7 +399,7 @@ class Supervisor {
   std::deque<std::function<void()>> m_tasks;  // guarded by m_mutex
   std::map<std::uint64_t, Entry> m_entries;   // guarded by m_mutex
   std::uint64_t m_nextToken = 1;              // guarded by m_mutex
-  std::thread m_thread;                       // guarded by m_mutex; never joined
+  pid_t m_threadProcess = 0;                  // guarded by m_mutex: the process whose thread runs
   UniqueFd m_wake;
 };
 
@@ -478,13 +493,15 @@ void ChildProcess::WatchExit(std::function<void()> onExit) {
 }
 
 CHandlerExit ChildProcess::WaitForExit(std::chrono::milliseconds timeout) {
-  if (m_impl->token == 0 || m_impl->released) return {};
-  ExitRecord& record = *m_impl->record;
-  std::unique_lock<std::mutex> lock(record.mutex);
-  if (!record.changed.wait_for(lock, timeout, [&] { return record.ended; })) {
-    return {EHandlerEnd::Running, 0};
-  }
-  return record.end;
+  if (m_impl->token == 0) return {};
+  return m_impl->record->Wait(timeout);
+}
+
+std::function<CHandlerExit(std::chrono::milliseconds)> ChildProcess::ExitWaiter() const {
+  if (m_impl->token == 0) return [](std::chrono::milliseconds) { return CHandlerExit(); };
+  return [record = m_impl->record](std::chrono::milliseconds timeout) {
+    return record->Wait(timeout);
+  };
 }
 
 void ChildProcess::Release(std::chrono::milliseconds gracePeriod) {

@@ -51,6 +51,21 @@ HANDLE HandlerJob() {
   return job.Get();
 }
 
+DWORD Milliseconds(std::chrono::milliseconds duration) {
+  const auto count = duration.count();
+  return count <= 0 ? 0 : count >= INFINITE ? INFINITE - 1 : static_cast<DWORD>(count);
+}
+
+CHandlerExit WaitForProcess(HANDLE process, std::chrono::milliseconds timeout) {
+  if (process == nullptr) return {};
+  DWORD code = 0;
+  if (::WaitForSingleObject(process, Milliseconds(timeout)) != WAIT_OBJECT_0 ||
+      !::GetExitCodeProcess(process, &code)) {
+    return {EHandlerEnd::Running, 0};
+  }
+  return {EHandlerEnd::Exited, static_cast<std::int32_t>(code)};
+}
+
 // A released process, owned by its thread-pool wait: the wait's one callback kills it if its
 // grace period passed, and frees everything.
 struct Supervised {

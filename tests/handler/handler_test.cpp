@@ -460,6 +460,18 @@ TEST(HandlerProcessEnd, ExitStatusAfterTheHandlerEndedOnItsOwn) {
   EXPECT_EQ(end.Code, 9);
 }
 
+TEST(HandlerProcessEnd, StopClosesThePipeAndWaitsForTheEnd) {
+  StartedHandler started(L"--exit-code 5");
+  ASSERT_EQ(started.StartResult(), Ok);
+  const CHandlerExit end = started.handler.Stop(10000);
+  EXPECT_EQ(end.How, EHandlerEnd::Exited);
+  EXPECT_EQ(end.Code, 5) << "the handler ended by itself once its pipe closed";
+  EXPECT_EQ(started.handler.GetHandlerExit().How, EHandlerEnd::None);
+  Pendrel::CResponse response;
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), NotStarted);
+  EXPECT_EQ(started.handler.Stop(0).How, EHandlerEnd::None);
+}
+
 TEST(HandlerProcessEnd, HandlerThatAbortsSaysHow) {
   StartedHandler started(L"--abort-on-request");
   ASSERT_EQ(started.StartResult(), Ok);

@@ -1,5 +1,6 @@
 // Linux side of Platform.h.
 #include <signal.h>
+
 #include <cerrno>
 #include <cstdlib>  // getenv, setenv, unsetenv
 

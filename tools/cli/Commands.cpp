@@ -123,6 +123,8 @@ class CRun {
     }
     // Only a handler that is still answering is told: the notice waits for the pipe.
     m_handler.OnCloseSession();
+    // A handler ends with its host: give it the time to act on the notice first.
+    m_handler.Stop(m_handler.StopGracePeriodMs);
     return Show(response);
   }
 
