@@ -6,8 +6,8 @@
 // exchange sends one message and waits for one answer, one exchange at a time per handler.
 //
 // Errors are returned as EErrorCode and stick: the first failed exchange leaves the handler
-// failed for good, and every later exchange returns that code without sending anything. A
-// new CHandler is the way back.
+// failed for good, and every later exchange returns that code without sending anything; so
+// does every copy of it. A new CHandler is the way back.
 //
 // Threads: Start must not run at the same time as other calls on the same object; the
 // exchanges (HandleRequest, the Request… queries, OnCreateSession) may be called from any
@@ -110,7 +110,10 @@ class PENDREL_API CHandler {
 
   CHandler();
   // Copies share the handler process's pipe and request lock with the source (the last
-  // owner closes the pipe); the error state, session and mode are copied.
+  // owner lets go of the handler); the error state, session, mode and settings are copied.
+  // An exchange that fails on any copy fails the shared pipe: every copy's next exchange
+  // returns that code (and its text) without sending, so no copy reads an answer that
+  // belongs to another copy's failed request. Assignment lets go of the handler held before.
   CHandler(const CHandler& other);
   CHandler& operator=(const CHandler& other);
   // If this is the last owner of a started handler: closes the pipe (queued messages get up
@@ -139,7 +142,7 @@ class PENDREL_API CHandler {
 
   // How the process of the last Start ended, waiting up to `waitMs` milliseconds for it to
   // end if it still runs (0: not at all). None when no process was started; Running when it
-  // has not ended by then. Never fails. Any thread.
+  // has not ended by then. Never fails. Any thread, though not while Start or Stop runs.
   CHandlerExit GetHandlerExit(std::uint32_t waitMs = 0);
 
   // Lets go of the handler as the destructor does (the pipe closes once no copy holds it),

@@ -74,13 +74,19 @@ bool IsTheLibrarysKill(const CHandlerExit& end) {
 
 constexpr std::uint32_t kGraceMs = 800;
 
+// The process id of the handler `host` started (0 if it did not start, which is reported),
+// with `gracePeriodMs` as its grace period.
+std::uint32_t StartedHandlerId(FaultHost& host, std::uint32_t gracePeriodMs) {
+  EXPECT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
+  host.handler.StopGracePeriodMs = gracePeriodMs;
+  return host.StartResult() == Ok ? host.ProcessId() : 0;
+}
+
 TEST(HandlerSupervision, StubbornHandlerIsKilledOnceTheGracePeriodHasPassed) {
   CollectedChildren collected;
   FaultHost host(L"--stubborn");
-  ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
-  const std::uint32_t pid = host.ProcessId();
+  const std::uint32_t pid = StartedHandlerId(host, kGraceMs);
   ASSERT_NE(pid, 0u);
-  host.handler.StopGracePeriodMs = kGraceMs;
   const auto letGo = Clock::now();
   host.handler = CHandler();
   EXPECT_LT(Clock::now() - letGo, std::chrono::milliseconds(kGraceMs / 2))
@@ -98,10 +104,8 @@ TEST(HandlerSupervision, StubbornHandlerIsKilledOnceTheGracePeriodHasPassed) {
 TEST(HandlerSupervision, HandlerThatEndsByItselfIsLeftToDoSo) {
   CollectedChildren collected;
   FaultHost host;
-  ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
-  const std::uint32_t pid = host.ProcessId();
+  const std::uint32_t pid = StartedHandlerId(host, 60000);
   ASSERT_NE(pid, 0u);
-  host.handler.StopGracePeriodMs = 60000;
   host.handler = CHandler();
   const std::optional<Collected> end = collected.WaitFor(pid, 10s);
   ASSERT_TRUE(end) << "the handler was not collected after its pipe closed";
@@ -112,10 +116,8 @@ TEST(HandlerSupervision, HandlerThatEndsByItselfIsLeftToDoSo) {
 TEST(HandlerSupervision, SecondStartLetsGoOfTheFirstHandlerTheSameWay) {
   CollectedChildren collected;
   FaultHost host(L"--stubborn");
-  ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
-  const std::uint32_t pid = host.ProcessId();
+  const std::uint32_t pid = StartedHandlerId(host, kGraceMs);
   ASSERT_NE(pid, 0u);
-  host.handler.StopGracePeriodMs = kGraceMs;
   ASSERT_EQ(host.handler.Start(pendrel_fault::FaultHandlerPath(), 0, L""), Ok);
   const std::optional<Collected> end = collected.WaitFor(pid, 10s);
   ASSERT_TRUE(end) << "the first handler was never killed";

@@ -30,6 +30,26 @@ std::vector<std::wstring> SplitAtCommas(const std::wstring& text) {
   return parts;
 }
 
+// The option's field when `name` is a flag (an option without a value); null otherwise.
+bool* FlagOf(const std::wstring& name, TestHandlerOptions& options) {
+  static constexpr struct {
+    const wchar_t* name;
+    bool TestHandlerOptions::*field;
+  } kFlags[] = {
+      {L"--never-answer", &TestHandlerOptions::neverAnswer},
+      {L"--not-json", &TestHandlerOptions::notJson},
+      {L"--exit-before-connect", &TestHandlerOptions::exitBeforeConnect},
+      {L"--never-connect", &TestHandlerOptions::neverConnect},
+      {L"--lying-header", &TestHandlerOptions::lyingHeader},
+      {L"--abort-on-request", &TestHandlerOptions::abortOnRequest},
+      {L"--hang-in-request", &TestHandlerOptions::hangInRequest},
+  };
+  for (const auto& flag : kFlags) {
+    if (name == flag.name) return &(options.*flag.field);
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
@@ -42,32 +62,8 @@ bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const std::wstring& name = arguments[i];
     // Flags first; every other option takes the next argument as its value.
-    if (name == L"--never-answer") {
-      options.neverAnswer = true;
-      continue;
-    }
-    if (name == L"--not-json") {
-      options.notJson = true;
-      continue;
-    }
-    if (name == L"--exit-before-connect") {
-      options.exitBeforeConnect = true;
-      continue;
-    }
-    if (name == L"--never-connect") {
-      options.neverConnect = true;
-      continue;
-    }
-    if (name == L"--lying-header") {
-      options.lyingHeader = true;
-      continue;
-    }
-    if (name == L"--abort-on-request") {
-      options.abortOnRequest = true;
-      continue;
-    }
-    if (name == L"--hang-in-request") {
-      options.hangInRequest = true;
+    if (bool* flag = FlagOf(name, options)) {
+      *flag = true;
       continue;
     }
     if (i + 1 >= arguments.size()) {
