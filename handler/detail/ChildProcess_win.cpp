@@ -290,18 +290,20 @@ void ChildProcess::WatchExit(std::function<void()> onExit) {
 }
 
 CHandlerExit ChildProcess::WaitForExit(std::chrono::milliseconds timeout) {
-  const HANDLE process = m_impl->process.Get();
-  if (process == nullptr) return {};
-  const auto count = timeout.count();
-  const DWORD waitMs = count <= 0          ? 0
-                       : count >= INFINITE ? INFINITE - 1
-                                           : static_cast<DWORD>(count);
-  DWORD code = 0;
-  if (::WaitForSingleObject(process, waitMs) != WAIT_OBJECT_0 ||
-      !::GetExitCodeProcess(process, &code)) {
-    return {EHandlerEnd::Running, 0};
+  return WaitForProcess(m_impl->process.Get(), timeout);
+}
+
+std::function<CHandlerExit(std::chrono::milliseconds)> ChildProcess::ExitWaiter() const {
+  HANDLE copy = nullptr;
+  if (m_impl->process &&
+      !::DuplicateHandle(::GetCurrentProcess(), m_impl->process.Get(), ::GetCurrentProcess(), &copy,
+                         SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, 0)) {
+    copy = nullptr;
   }
-  return {EHandlerEnd::Exited, static_cast<std::int32_t>(code)};
+  auto process = std::make_shared<ScopedKernelHandle>(copy);
+  return [process](std::chrono::milliseconds timeout) {
+    return WaitForProcess(process->Get(), timeout);
+  };
 }
 
 void ChildProcess::Release(std::chrono::milliseconds gracePeriod) {
@@ -314,10 +316,7 @@ void ChildProcess::Release(std::chrono::milliseconds gracePeriod) {
   auto supervised = std::make_unique<Supervised>();
   supervised->process = std::move(impl.process);
   supervised->id = impl.id;
-  const auto count = gracePeriod.count();
-  const DWORD graceMs = count <= 0          ? 0
-                        : count >= INFINITE ? INFINITE - 1
-                                            : static_cast<DWORD>(count);
+  const DWORD graceMs = Milliseconds(gracePeriod);
   Supervised* const raw = supervised.get();
   std::unique_lock<std::mutex> lock(raw->mutex);
   HANDLE wait = nullptr;
