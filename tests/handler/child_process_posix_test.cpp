@@ -1,5 +1,5 @@
 // What a started handler leaves behind on Linux: no zombie, whether or not its CHandler still
-// exists, and no descriptor of the host.
+// exists, and no descriptor of the host; and where its output goes, as its descriptors show.
 #include <fcntl.h>
 #include <unistd.h>
 
