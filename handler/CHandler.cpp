@@ -8,6 +8,7 @@
 #include "handler/detail/HandlerSettings.h"
 #include "handler/detail/HandlerState.h"
 #include "json/TextConversion.h"
+#include "pipe/detail/PipeTransport.h"
 
 namespace CTolvane {
 namespace {
@@ -50,16 +51,27 @@ CHandlerTaskInfo::~CHandlerTaskInfo() = default;
 CHandler::CHandler() : m_state(std::make_unique<State>()) {}
 
 CHandler::CHandler(const CHandler& other)
-    : ResponseTimeoutS(other.ResponseTimeoutS), m_state(std::make_unique<State>(*other.m_state)) {}
+    : ResponseTimeoutS(other.ResponseTimeoutS),
+      StopGracePeriodMs(other.StopGracePeriodMs),
+      ChildOutput(other.ChildOutput),
+      ChildOutputFile(other.ChildOutputFile),
+      m_state(std::make_unique<State>(*other.m_state)) {}
 
 CHandler& CHandler::operator=(const CHandler& other) {
   if (this == &other) return *this;
+  auto state = std::make_unique<State>(*other.m_state);
+  if (m_state) m_state->LetGo(StopGracePeriodMs);
   ResponseTimeoutS = other.ResponseTimeoutS;
-  m_state = std::make_unique<State>(*other.m_state);
+  StopGracePeriodMs = other.StopGracePeriodMs;
+  ChildOutput = other.ChildOutput;
+  ChildOutputFile = other.ChildOutputFile;
+  m_state = std::move(state);
   return *this;
 }
 
-CHandler::~CHandler() = default;
+CHandler::~CHandler() {
+  if (m_state) m_state->LetGo(StopGracePeriodMs);
+}
 
 EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extraArguments) {
   State& state = *m_state;
@@ -68,8 +80,9 @@ EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extr
   state.SetLogFolder(settings.logFolder);
   state.modeValue = mode;
   state.startTicks = Pendrel::base::MonotonicMs();
-  // A handler started before is let go; its pipe closes with its last owner.
-  state.connection.reset();
+  state.startError = 0;
+  // A handler started before is let go as the destructor does.
+  state.LetGo(StopGracePeriodMs);
 
   auto connection = std::make_shared<detail::Connection>();
   Pendrel::NamedPipeChannel& channel = connection->channel;
@@ -83,15 +96,22 @@ EErrorCode CHandler::Start(std::wstring path, int mode, const std::wstring& extr
     listening = channel.Listen(pipeName);
   }
   if (!listening) {
-    state.SetChannelFailure(channel.Failure());
+    const Pendrel::CChannelFailure failure = channel.Failure();
+    if (failure.Failure == Pendrel::EChannelFailure::OpenFailed) state.startError = failure.Code;
+    state.SetChannelFailure(failure);
     state.Fail(StartFailed);
     return StartFailed;
   }
 
-  const std::uint32_t error =
-      connection->child.Start(detail::BuildCommandLine(path, pipeName, mode, extraArguments),
-                              detail::BuildArgumentVector(path, pipeName, mode, extraArguments));
+  detail::ChildOptions options;
+  options.output = ChildOutput;
+  options.outputFile = ChildOutputFile;
+  options.pipeFolder = Pendrel::detail::EndpointFolder();
+  const std::uint32_t error = connection->child.Start(
+      detail::BuildCommandLine(path, pipeName, mode, extraArguments),
+      detail::BuildArgumentVector(path, pipeName, mode, extraArguments), options);
   if (error != 0) {
+    state.startError = error;
     state.SetChannelFailure({Pendrel::EChannelFailure::LaunchFailed, error});
     state.Fail(StartFailed);
     return StartFailed;
@@ -123,8 +143,25 @@ Pendrel::CChannelFailure CHandler::GetChannelFailure() {
   return m_state->channelFailure;
 }
 
+CHandlerExit CHandler::GetHandlerExit(std::uint32_t waitMs) {
+  const std::shared_ptr<detail::Connection> connection = m_state->connection;
+  if (!connection) return {};
+  return connection->child.WaitForExit(milliseconds(waitMs));
+}
+
+CHandlerExit CHandler::Stop(std::uint32_t waitMs) {
+  State& state = *m_state;
+  if (!state.connection) return {};
+  const auto waitForExit = state.connection->child.ExitWaiter();
+  state.LetGo(StopGracePeriodMs);
+  return waitForExit(milliseconds(waitMs));
+}
+
+std::uint32_t CHandler::GetStartErrorNumber() { return m_state->startError; }
+
 EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response) {
   const std::shared_ptr<detail::Connection> connection = m_state->connection;
+  if (connection) m_state->AdoptSharedFailure(*connection);
   if (!connection || !connection->channel.IsConnected()) {
     m_state->Fail(NotStarted);
     return NotStarted;
@@ -132,15 +169,22 @@ EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CR
   return DoRequest(request.ToJsonString(), response);
 }
 
-EErrorCode CHandler::DoRequest(std::string json, Pendrel::CResponse& response) {
+EErrorCode CHandler::DoRequest(const std::string& json, Pendrel::CResponse& response) {
+  return DoRequest(std::string(json), response);
+}
+
+EErrorCode CHandler::DoRequest(std::string&& json, Pendrel::CResponse& response) {
   State& state = *m_state;
   // Held for the whole exchange: a copy of this handler may let go of the pipe meanwhile.
   const std::shared_ptr<detail::Connection> connection = state.connection;
   if (!connection || !connection->started) return NotStarted;
+  state.AdoptSharedFailure(*connection);
   if (state.lastError != Ok) return static_cast<EErrorCode>(state.lastError.load());
 
   const std::lock_guard<std::mutex> lock(connection->requestLock);
-  // An exchange that failed while this one waited for the lock failed the handler too.
+  // An exchange that failed while this one waited for the lock, on this copy or another,
+  // failed this one too: its answer may still come and must not be read as this one's.
+  state.AdoptSharedFailure(*connection);
   if (state.lastError != Ok) return static_cast<EErrorCode>(state.lastError.load());
   Pendrel::NamedPipeChannel& channel = connection->channel;
   // The text itself goes into the channel's queue; a copy is kept only in the modes whose
@@ -150,11 +194,12 @@ EErrorCode CHandler::DoRequest(std::string json, Pendrel::CResponse& response) {
   if (mode >= 1 && mode <= 3) logged = json;
   channel.Post(std::move(json));
 
-  // The limit is ResponseTimeoutS × 1000 taken modulo 2^32: a negative or huge setting
-  // wraps instead of failing.
-  const std::uint32_t limitMs = static_cast<std::uint32_t>(ResponseTimeoutS) * 1000u;
+  // The limit is ResponseTimeoutS × 1000 as a signed 32-bit product (wrapping like the
+  // 32-bit multiplication): a negative one times out at once.
+  const std::int32_t limitMs =
+      static_cast<std::int32_t>(static_cast<std::uint32_t>(ResponseTimeoutS) * 1000u);
   std::string answer;
-  switch (channel.WaitForMessage(answer, milliseconds(limitMs))) {
+  switch (channel.WaitForMessage(answer, milliseconds(limitMs > 0 ? limitMs : 0))) {
     case Pendrel::EWaitResult::Message:
       break;
     case Pendrel::EWaitResult::Error: {
@@ -162,16 +207,16 @@ EErrorCode CHandler::DoRequest(std::string json, Pendrel::CResponse& response) {
       const Pendrel::CChannelFailure failure = channel.TakeFailure(text);
       state.SetChannelFailure(failure, std::move(text));
       LogTransaction(logged, std::string());
-      state.Fail(ChannelError);
+      state.FailShared(*connection, ChannelError);
       return ChannelError;
     }
     case Pendrel::EWaitResult::Interrupted:  // nobody interrupts a handler's channel
     case Pendrel::EWaitResult::TimedOut:
-      state.Fail(ResponseTimeout);
+      state.FailShared(*connection, ResponseTimeout);
       return ResponseTimeout;
   }
   if (!response.FromJsonString(std::move(answer))) {
-    state.Fail(BadResponse);
+    state.FailShared(*connection, BadResponse);
     return BadResponse;
   }
   return Ok;

@@ -6,13 +6,19 @@
 // exchange sends one message and waits for one answer, one exchange at a time per handler.
 //
 // Errors are returned as EErrorCode and stick: the first failed exchange leaves the handler
-// failed for good, and every later exchange returns that code without sending anything. A
-// new CHandler is the way back.
+// failed for good, and every later exchange returns that code without sending anything; so
+// does every copy of it. A new CHandler is the way back.
 //
 // Threads: Start must not run at the same time as other calls on the same object; the
 // exchanges (HandleRequest, the Request… queries, OnCreateSession) may be called from any
-// number of threads at once and are served one after the other. The handler process is
-// never waited for or ended by the library: it learns that it is done when its pipe closes.
+// number of threads at once and are served one after the other.
+//
+// Handler processes are supervised: when the last owner of a started handler lets go of it
+// (destroyed, or Start called again), the pipe closes and the process gets
+// StopGracePeriodMs to end by itself; then it is killed, and collected either way. The
+// owner's thread does not wait for that. A handler also ends with its host, even when the
+// host is killed (a job object on Windows, the parent-death signal on Linux). The handler
+// finds the folder of its pipe in the environment variable PENDREL_PIPE_DIR.
 #pragma once
 
 #include <cstdint>
@@ -34,6 +40,27 @@ enum EErrorCode : std::int32_t {
   BadResponse = 3,      // the answer could not be read (an error while reading it)
   NotStarted = 4,       // no started, connected handler to ask
   StartFailed = 5,      // the handler could not be started or did not connect in time
+};
+
+// What a handler's standard output and standard error are connected to.
+enum class EChildOutput : std::int32_t {
+  Inherited = 0,   // the host's own standard output and error, as the handler inherits them
+  HostStderr = 1,  // both go to the host's standard error
+  Discarded = 2,   // both are thrown away (/dev/null, NUL)
+  File = 3,        // both are appended to CHandler::ChildOutputFile
+};
+
+// How a handler process ended, as far as the library knows.
+enum class EHandlerEnd : std::int32_t {
+  None = 0,      // no process: Start was not called or could not start the program
+  Running = 1,   // the process has not ended (yet)
+  Exited = 2,    // it ended by itself: Code is its exit status (Windows: its exit code)
+  Signaled = 3,  // Linux: a signal ended it (also the library's kill): Code is the signal
+};
+
+struct CHandlerExit {
+  EHandlerEnd How = EHandlerEnd::None;
+  std::int32_t Code = 0;
 };
 
 // A handler's description, as RequestHandlerInfo reads it.
@@ -70,13 +97,28 @@ class PENDREL_API CHandler {
   // How long an exchange waits for its answer, in seconds (120). Hosts may change it
   // before the exchanges that should use it.
   std::int32_t ResponseTimeoutS = 120;
+  // How long a handler process is given to end by itself, in milliseconds (5000), once its
+  // last owner has let go of it and its pipe is closed; it is then killed. The value of the
+  // owner that lets go last applies.
+  std::uint32_t StopGracePeriodMs = 5000;
+  // Where the standard output and error of the handlers that Start starts from now on go
+  // (Inherited). With EChildOutput::File they are appended to ChildOutputFile, which is
+  // created when missing (Linux: mode 0600); a file that cannot be opened fails Start with
+  // LaunchFailed and the system's error number.
+  EChildOutput ChildOutput = EChildOutput::Inherited;
+  std::wstring ChildOutputFile;
 
   CHandler();
   // Copies share the handler process's pipe and request lock with the source (the last
-  // owner closes the pipe); the error state, session and mode are copied.
+  // owner lets go of the handler); the error state, session, mode and settings are copied.
+  // An exchange that fails on any copy fails the shared pipe: every copy's next exchange
+  // returns that code (and its text) without sending, so no copy reads an answer that
+  // belongs to another copy's failed request. Assignment lets go of the handler held before.
   CHandler(const CHandler& other);
   CHandler& operator=(const CHandler& other);
-  // Closes the pipe if this is its last owner: queued messages get up to 60 s to go out.
+  // If this is the last owner of a started handler: closes the pipe (queued messages get up
+  // to 60 s to go out) and leaves the process to the supervision described above; returns
+  // without waiting for the process.
   ~CHandler();
 
   // Starts the handler program `path` with the command line
@@ -85,7 +127,7 @@ class PENDREL_API CHandler {
   // connect to, and waits up to 10 s for it to connect. Returns Ok, or StartFailed when the
   // program cannot be started, ends before connecting (noticed at once) or does not connect
   // in time; GetResponseErrorMessage then says which. A second Start lets go of the first
-  // handler's pipe. A failed Start leaves LastError at StartFailed for good.
+  // handler as the destructor does. A failed Start leaves LastError at StartFailed for good.
   EErrorCode Start(std::wstring path, int mode, const std::wstring& extraArguments);
 
   // The sticky error: Ok until an operation fails.
@@ -97,6 +139,24 @@ class PENDREL_API CHandler {
   // What GetResponseErrorMessage's text reports, as a code: the step that failed and its
   // number (ChannelFailure.h); Failure None when the text is empty. Any thread.
   Pendrel::CChannelFailure GetChannelFailure();
+
+  // How the process of the last Start ended, waiting up to `waitMs` milliseconds for it to
+  // end if it still runs (0: not at all). None when no process was started; Running when it
+  // has not ended by then. Never fails. Any thread, though not while Start or Stop runs.
+  CHandlerExit GetHandlerExit(std::uint32_t waitMs = 0);
+
+  // Lets go of the handler as the destructor does (the pipe closes once no copy holds it),
+  // then waits up to `waitMs` milliseconds for its process to end, and says how it ended:
+  // Running when it has not by then, None when no process was started. Afterwards this
+  // object holds no handler: exchanges return NotStarted until the next Start. For a host
+  // about to end, since a handler ends with its host: waiting lets the handler finish what
+  // it was sent. Owner's thread, like Start.
+  CHandlerExit Stop(std::uint32_t waitMs);
+
+  // The system's error number (errno, GetLastError()) that made the last Start fail: the
+  // program could not be started (LaunchFailed) or its pipe could not be made (OpenFailed);
+  // 0 when Start succeeded, failed otherwise or was not called. Any thread.
+  std::uint32_t GetStartErrorNumber();
 
   // Sends `request` as its JSON document and reads the answer into `response`. Returns
   // NotStarted (and makes it the last error) when the handler is not connected; else as
@@ -133,8 +193,10 @@ class PENDREL_API CHandler {
   void OnCloseSession();
 
  private:
-  // Sends `json` (moved into the channel, not copied) and reads the answer into `response`.
-  EErrorCode DoRequest(std::string json, Pendrel::CResponse& response);
+  // Sends `json` and reads the answer into `response`. The rvalue form moves the text into
+  // the channel instead of copying it.
+  EErrorCode DoRequest(const std::string& json, Pendrel::CResponse& response);
+  EErrorCode DoRequest(std::string&& json, Pendrel::CResponse& response);
   void LogTransaction(const std::string& request, const std::string& response);
   std::wstring GetKesh2SessionID();
   std::wstring GetKesh2SessionStartTime();

@@ -31,7 +31,8 @@
 //
 // Thread rules: set the fields and callbacks before Run and leave them alone while it runs.
 // Run calls every callback on its own thread, one message at a time, in the order the
-// messages came. Post and Stop may be called from any thread, also from the callbacks.
+// messages came; a thread of the kit's own watches the pipe meanwhile. Post and Stop may be
+// called from any thread, also from the callbacks.
 #pragma once
 
 #include <cstdint>
@@ -51,6 +52,9 @@ namespace PendrelKit {
 inline constexpr int kExitPipeClosed = 0;     // the library closed the pipe, or Stop
 inline constexpr int kExitNoConnection = 2;   // the pipe could not be opened in time
 inline constexpr int kExitBadArguments = 64;  // the command line was refused (Run(argc, argv))
+// The library closed the pipe and a callback was still running CloseGracePeriodMs later: the
+// kit ended the process with this code (std::_Exit, no clean-up).
+inline constexpr int kExitCallbackOverran = 70;
 
 // What OnMessage decided about a message.
 enum class EMessageAction {
@@ -69,6 +73,10 @@ class CHandlerKit {
   // How long Run tries to open the pipe. The library's end may appear only after the
   // handler has started, and the library waits 10 s for the handler to connect.
   std::uint32_t ConnectTimeMs = 10000;
+  // How long a callback may go on once the library has closed the pipe. A callback still
+  // running then is not coming back: the kit ends the process (kExitCallbackOverran), so
+  // that a stuck handler does not outlive its host's interest in it.
+  std::uint32_t CloseGracePeriodMs = 5000;
 
   // Called once the pipe is open, before the first message is taken.
   std::function<void()> OnConnected;
@@ -99,7 +107,8 @@ class CHandlerKit {
   // to ConnectTimeMs while the library's end is not there, then serves messages until the
   // pipe closes or fails, or Stop is called. Answers already posted then get up to 60 s to
   // go out before the pipe is closed. Returns kExitPipeClosed, or kExitNoConnection when
-  // the pipe could not be opened. Runs once at a time, on the caller's thread.
+  // the pipe could not be opened; ends the process instead when a callback overruns
+  // CloseGracePeriodMs after the pipe closed. Runs once at a time, on the caller's thread.
   int Run(const CHandlerArguments& arguments);
   // ParseArguments, then Run; kExitBadArguments when the command line is refused.
   int Run(int argc, char** argv);

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "base/Deadline.h"
 #include "handler/CHandler.h"
@@ -15,16 +17,49 @@
 namespace CTolvane {
 namespace detail {
 
+// The failure of an exchange, shared by every copy of the handler that made it.
+struct SharedFailure {
+  EErrorCode code = Ok;
+  Pendrel::CChannelFailure channelFailure;
+  std::wstring text;
+};
+
 // The pipe to one handler process and what goes with it; shared by a CHandler and its
-// copies, and closed by the last of them.
+// copies. The last of them closes the pipe and hands the process to supervision.
 struct Connection {
   Pendrel::NamedPipeChannel channel;
   // Keeps one exchange in flight, so answers match requests by order alone.
   std::mutex requestLock;
   // Set once Start has seen the handler connect: exchanges need a started handler.
   std::atomic<bool> started{false};
+  // CHandler::StopGracePeriodMs of the owner that let go last.
+  std::atomic<std::uint32_t> gracePeriodMs{5000};
+  // Set once, under requestLock, by the first exchange that fails on any copy; no exchange
+  // of any copy is sent afterwards, so none reads an answer of the failed one.
+  std::atomic<bool> failed{false};
+  mutable std::mutex failureMutex;
+  SharedFailure failure;  // guarded by failureMutex
   // Declared last, so that its exit watch ends before the channel it notifies goes.
   ChildProcess child;
+
+  Connection() = default;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() {
+    channel.Close();
+    child.Release(std::chrono::milliseconds(gracePeriodMs.load()));
+  }
+
+  void Fail(SharedFailure what) {
+    const std::lock_guard<std::mutex> lock(failureMutex);
+    if (failed) return;
+    failure = std::move(what);
+    failed = true;
+  }
+  SharedFailure Failure() const {
+    const std::lock_guard<std::mutex> lock(failureMutex);
+    return failure;
+  }
 };
 
 }  // namespace detail
@@ -34,6 +69,7 @@ struct CHandler::State {
   std::shared_ptr<detail::Connection> connection;
   std::atomic<std::int32_t> modeValue{0};
   std::atomic<std::uint64_t> startTicks{Pendrel::base::MonotonicMs()};
+  std::atomic<std::uint32_t> startError{0};  // GetStartErrorNumber
 
   mutable std::mutex textMutex;  // guards the four fields below
   std::wstring sessionIdText;
@@ -46,7 +82,8 @@ struct CHandler::State {
       : lastError(other.lastError.load()),
         connection(other.connection),
         modeValue(other.modeValue.load()),
-        startTicks(other.startTicks.load()) {
+        startTicks(other.startTicks.load()),
+        startError(other.startError.load()) {
     const std::lock_guard<std::mutex> lock(other.textMutex);
     sessionIdText = other.sessionIdText;
     responseErrorMessage = other.responseErrorMessage;
@@ -55,6 +92,13 @@ struct CHandler::State {
   }
 
   void Fail(EErrorCode code) { lastError = code; }
+  // Lets go of the handler: the pipe closes and the process is supervised once no copy holds
+  // it any more, with this owner's grace period if it is the last.
+  void LetGo(std::uint32_t gracePeriodMs) {
+    if (!connection) return;
+    connection->gracePeriodMs = gracePeriodMs;
+    connection.reset();
+  }
   void SetLogFolder(std::wstring folder) {
     const std::lock_guard<std::mutex> lock(textMutex);
     logFolder = std::move(folder);
@@ -67,6 +111,26 @@ struct CHandler::State {
   }
   void SetChannelFailure(const Pendrel::CChannelFailure& failure) {
     SetChannelFailure(failure, Pendrel::NamedPipeChannel::TextOf(failure));
+  }
+  // Fails this copy and every other copy of the handler with `code`.
+  void FailShared(detail::Connection& connection, EErrorCode code) {
+    detail::SharedFailure what;
+    what.code = code;
+    {
+      const std::lock_guard<std::mutex> lock(textMutex);
+      what.channelFailure = channelFailure;
+      what.text = responseErrorMessage;
+    }
+    Fail(code);
+    connection.Fail(std::move(what));
+  }
+  // Takes on the failure another copy's exchange left on `connection`, if this copy has
+  // not failed on its own.
+  void AdoptSharedFailure(const detail::Connection& connection) {
+    if (!connection.failed || lastError != Ok) return;
+    detail::SharedFailure what = connection.Failure();
+    SetChannelFailure(what.channelFailure, std::move(what.text));
+    Fail(what.code);
   }
 };
 

@@ -1,13 +1,15 @@
 // What a started handler leaves behind on Linux: no zombie, whether or not its CHandler still
-// exists, and no descriptor of the host.
+// exists, and no descriptor of the host; and where its output goes, as its descriptors show.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,6 +91,90 @@ TEST(HandlerProcess, HandlerThatFailsToStartIsCollected) {
   EXPECT_EQ(handler.Start(pendrel_test::TestHandlerPath(), 0, L"--exit-before-connect"),
             CTolvane::StartFailed);
   EXPECT_TRUE(NoChildrenWithin(5s)) << "left: " << Describe(Children());
+}
+
+// Points this process's descriptor `fd` at `file` while it lives, then puts it back.
+class RedirectedDescriptor {
+ public:
+  RedirectedDescriptor(int fd, const std::filesystem::path& file) : m_fd(fd), m_saved(dup(fd)) {
+    const int opened = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(opened, fd);
+    close(opened);
+  }
+  ~RedirectedDescriptor() {
+    dup2(m_saved, m_fd);
+    close(m_saved);
+  }
+  RedirectedDescriptor(const RedirectedDescriptor&) = delete;
+  RedirectedDescriptor& operator=(const RedirectedDescriptor&) = delete;
+
+ private:
+  int m_fd;
+  int m_saved;
+};
+
+std::string Read(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Starts a handler that prints "out:x" and "err:x" with `output`, while this process's own
+// output and error go to files; returns what those files got once the handler has printed
+// (it prints before it connects) and where the handler's descriptors 1 and 2 lead.
+struct OutputSeen {
+  std::string hostOut;
+  std::string hostErr;
+  std::filesystem::path handlerOut;
+  std::filesystem::path handlerErr;
+};
+OutputSeen StartPrinting(CTolvane::EChildOutput output) {
+  pendrel_test::TempDir dir;
+  OutputSeen seen;
+  CHandler handler;
+  handler.ChildOutput = output;
+  CTolvane::EErrorCode started = CTolvane::StartFailed;
+  {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    const RedirectedDescriptor out(1, dir.path() / "out.txt");
+    const RedirectedDescriptor err(2, dir.path() / "err.txt");
+    started = handler.Start(pendrel_test::TestHandlerPath(), 0, L"--print x");
+  }
+  EXPECT_EQ(started, Ok);
+  const auto children = Children();
+  EXPECT_EQ(children.size(), 1u);
+  if (children.size() == 1) {
+    const std::string fds = "/proc/" + std::to_string(children[0].pid) + "/fd/";
+    std::error_code error;
+    seen.handlerOut = std::filesystem::read_symlink(fds + "1", error);
+    seen.handlerErr = std::filesystem::read_symlink(fds + "2", error);
+  }
+  seen.hostOut = Read(dir.path() / "out.txt");
+  seen.hostErr = Read(dir.path() / "err.txt");
+  return seen;
+}
+
+TEST(HandlerProcess, OutputIsInheritedByDefault) {
+  ASSERT_TRUE(NoChildrenWithin(5s)) << Describe(Children());
+  const OutputSeen seen = StartPrinting(CTolvane::EChildOutput::Inherited);
+  EXPECT_EQ(seen.hostOut, "out:x\n");
+  EXPECT_EQ(seen.hostErr, "err:x\n");
+}
+
+TEST(HandlerProcess, OutputCanGoToTheHostsStandardError) {
+  ASSERT_TRUE(NoChildrenWithin(5s)) << Describe(Children());
+  const OutputSeen seen = StartPrinting(CTolvane::EChildOutput::HostStderr);
+  EXPECT_EQ(seen.hostOut, "");
+  EXPECT_EQ(seen.hostErr, "out:x\nerr:x\n");
+}
+
+TEST(HandlerProcess, OutputCanBeDiscarded) {
+  ASSERT_TRUE(NoChildrenWithin(5s)) << Describe(Children());
+  const OutputSeen seen = StartPrinting(CTolvane::EChildOutput::Discarded);
+  EXPECT_EQ(seen.hostOut, "");
+  EXPECT_EQ(seen.hostErr, "");
+  EXPECT_EQ(seen.handlerOut, "/dev/null");
+  EXPECT_EQ(seen.handlerErr, "/dev/null");
 }
 
 TEST(HandlerProcess, InheritsNoDescriptorOfTheHost) {

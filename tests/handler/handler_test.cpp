@@ -14,13 +14,16 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "handler/detail/HandlerSettings.h"
 #include "handler/detail/LogWriter.h"
 #include "json/TextConversion.h"
+#include "pipe/detail/PipeTransport.h"
 #include "tests/handler/test_handler/TestHandler.h"
 #include "tests/support/PatternBytes.h"
+#include "tests/support/Platform.h"
 #include "tests/support/TempDir.h"
 
 namespace CTolvane {
@@ -306,8 +309,11 @@ TEST(HandlerExchange, QueriesDoNotCheckTheConnectionButHandleRequestDoes) {
   ASSERT_EQ(started.handler.RequestHandlerInfo(info), Ok);
   unsigned version = 0;
   EXPECT_EQ(started.handler.RequestLibVersion(version), ChannelError);
-  // The pipe is gone and its error text was taken: a query of the copy waits in vain...
-  EXPECT_EQ(copy.RequestLibVersion(version), ResponseTimeout);
+  // The copy shares the failure: its query returns it at once, with the same text...
+  const auto start = Clock::now();
+  EXPECT_EQ(copy.RequestLibVersion(version), ChannelError);
+  EXPECT_LT(Clock::now() - start, 900ms) << "the copy did not wait for an answer";
+  EXPECT_EQ(FailureOf(copy), FailureOf(started.handler));
   // ...while HandleRequest of a copy sees the pipe is not connected.
   CHandler fresh(copy);
   Pendrel::CResponse response;
@@ -330,6 +336,41 @@ TEST(HandlerExchange, CopiesShareThePipe) {
   EXPECT_EQ(response.Parameters[L"Command"], L"TWO");
   assigned = assigned;
   EXPECT_EQ(assigned.LastError(), Ok);
+}
+
+TEST(HandlerExchange, FailureOfOneCopyFailsEveryCopyWithoutSending) {
+  StartedHandler started(L"--delay-ms 1500");
+  ASSERT_EQ(started.StartResult(), Ok);
+  auto copy = std::make_unique<CHandler>(started.handler);
+  started.handler.ResponseTimeoutS = 1;
+  Pendrel::CResponse response;
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(L"FIRST"), response), ResponseTimeout);
+  // The first request's answer comes late; the copy must neither send nor take it.
+  const auto start = Clock::now();
+  EXPECT_EQ(copy->HandleRequest(SampleRequest(L"SECOND"), response), ResponseTimeout);
+  EXPECT_LT(Clock::now() - start, 900ms) << "returned without waiting for an answer";
+  EXPECT_TRUE(response.Parameters.empty()) << "another copy's answer was read";
+  EXPECT_EQ(copy->LastError(), ResponseTimeout);
+  CHandlerInfo info;
+  EXPECT_EQ(copy->RequestHandlerInfo(info), ResponseTimeout);
+  CHandler later(*copy);
+  EXPECT_EQ(later.HandleRequest(SampleRequest(L"THIRD"), response), ResponseTimeout);
+  copy.reset();
+  later = CHandler();
+  EXPECT_EQ(started.ReceivedInTheEnd().size(), 1u) << "only the first request went out";
+}
+
+TEST(HandlerExchange, NegativeResponseTimeTimesOutAtOnce) {
+  // 2147484 × 1000 does not fit in 32 signed bits: the product is negative.
+  for (const std::int32_t seconds : {-1, -120, 2147484}) {
+    StartedHandler started(L"--delay-ms 300");
+    ASSERT_EQ(started.StartResult(), Ok);
+    started.handler.ResponseTimeoutS = seconds;
+    Pendrel::CResponse response;
+    const auto start = Clock::now();
+    EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ResponseTimeout) << seconds;
+    EXPECT_LT(Clock::now() - start, 250ms) << seconds;
+  }
 }
 
 TEST(HandlerExchange, EightThreadsEachGetTheirOwnAnswer) {
@@ -377,6 +418,106 @@ TEST(HandlerExchange, FourHandlersAtOnce) {
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(wrong.load(), 0);
   for (auto& handler : handlers) EXPECT_EQ(handler->Received(5).size(), 5u);
+}
+
+// --- The handler's process ------------------------------------------------------------------
+
+TEST(HandlerProcessEnd, NoProcessBeforeStartOrAfterALaunchFailure) {
+  CHandler handler;
+  EXPECT_EQ(handler.GetHandlerExit().How, EHandlerEnd::None);
+  EXPECT_EQ(handler.GetStartErrorNumber(), 0u);
+  EXPECT_EQ(handler.Start(L"pendrel-no-such-handler-program", 0, L""), StartFailed);
+  EXPECT_EQ(handler.GetHandlerExit(1000).How, EHandlerEnd::None);
+  EXPECT_EQ(handler.GetStartErrorNumber(), 2u) << "ENOENT, ERROR_FILE_NOT_FOUND";
+}
+
+TEST(HandlerProcessEnd, RunningHandlerHasNotEnded) {
+  StartedHandler started;
+  ASSERT_EQ(started.StartResult(), Ok);
+  EXPECT_EQ(started.handler.GetHandlerExit().How, EHandlerEnd::Running);
+  EXPECT_EQ(started.handler.GetHandlerExit(50).How, EHandlerEnd::Running);
+  EXPECT_EQ(started.handler.GetStartErrorNumber(), 0u);
+}
+
+TEST(HandlerProcessEnd, ExitStatusOfAHandlerThatEndedBeforeConnecting) {
+  CHandler handler;
+  EXPECT_EQ(handler.Start(TestHandlerPath(), 0, L"--exit-before-connect --exit-code 7"),
+            StartFailed);
+  const CHandlerExit end = handler.GetHandlerExit(10000);
+  EXPECT_EQ(end.How, EHandlerEnd::Exited);
+  EXPECT_EQ(end.Code, 7);
+  EXPECT_EQ(handler.GetStartErrorNumber(), 0u) << "the program did start";
+  EXPECT_EQ(FailureOf(handler).Failure, EChannelFailure::NoClient) << "texts and codes as before";
+}
+
+TEST(HandlerProcessEnd, ExitStatusAfterTheHandlerEndedOnItsOwn) {
+  StartedHandler started(L"--exit-after 1 --exit-code 9");
+  ASSERT_EQ(started.StartResult(), Ok);
+  unsigned version = 0;
+  ASSERT_EQ(started.handler.RequestLibVersion(version), Ok);
+  const CHandlerExit end = started.handler.GetHandlerExit(10000);
+  EXPECT_EQ(end.How, EHandlerEnd::Exited);
+  EXPECT_EQ(end.Code, 9);
+}
+
+TEST(HandlerProcessEnd, StopClosesThePipeAndWaitsForTheEnd) {
+  StartedHandler started(L"--exit-code 5");
+  ASSERT_EQ(started.StartResult(), Ok);
+  const CHandlerExit end = started.handler.Stop(10000);
+  EXPECT_EQ(end.How, EHandlerEnd::Exited);
+  EXPECT_EQ(end.Code, 5) << "the handler ended by itself once its pipe closed";
+  EXPECT_EQ(started.handler.GetHandlerExit().How, EHandlerEnd::None);
+  Pendrel::CResponse response;
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), NotStarted);
+  EXPECT_EQ(started.handler.Stop(0).How, EHandlerEnd::None);
+}
+
+TEST(HandlerProcessEnd, HandlerThatAbortsSaysHow) {
+  StartedHandler started(L"--abort-on-request");
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  EXPECT_EQ(started.handler.HandleRequest(SampleRequest(), response), ChannelError);
+  const CHandlerExit end = started.handler.GetHandlerExit(10000);
+  const std::pair<int, int> aborted = pendrel_test::AbortedProcessEnd();
+  EXPECT_EQ(static_cast<int>(end.How), aborted.first);
+  EXPECT_EQ(end.Code, aborted.second);
+}
+
+TEST(HandlerProcessEnd, TheHandlerIsToldTheFolderOfItsPipe) {
+  // A value the host has is replaced, not passed on.
+  const pendrel_test::ScopedEnvironmentVariable stale(Pendrel::Utf16ToUtf8(L"PENDREL_PIPE_DIR"),
+                                                      std::string("stale"));
+  StartedHandler started(L"--report-env PENDREL_PIPE_DIR");
+  ASSERT_EQ(started.StartResult(), Ok);
+  Pendrel::CResponse response;
+  ASSERT_EQ(started.handler.HandleRequest(SampleRequest(), response), Ok);
+  EXPECT_EQ(response.Parameters[L"Env"], Pendrel::detail::EndpointFolder());
+  EXPECT_FALSE(Pendrel::detail::EndpointFolder().empty());
+}
+
+TEST(HandlerChildOutput, OutputAndErrorAreAppendedToTheFile) {
+  TempDir dir;
+  const std::filesystem::path file = dir.Write("handler.log", "before\n");
+  CHandler handler;
+  handler.ChildOutput = EChildOutput::File;
+  handler.ChildOutputFile = file.wstring();
+  // The handler prints before it connects: once Start returns, it has.
+  ASSERT_EQ(handler.Start(TestHandlerPath(), 0, L"--print hello"), Ok);
+  std::ifstream in(file, std::ios::binary);
+  std::string text(std::istreambuf_iterator<char>(in), {});
+  text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+  EXPECT_EQ(text, "before\nout:hello\nerr:hello\n");
+}
+
+TEST(HandlerChildOutput, FileThatCannotBeOpenedFailsTheStart) {
+  TempDir dir;
+  CHandler handler;
+  handler.ChildOutput = EChildOutput::File;
+  handler.ChildOutputFile = (dir.path() / "missing" / "handler.log").wstring();
+  EXPECT_EQ(handler.Start(TestHandlerPath(), 0, L""), StartFailed);
+  EXPECT_EQ(FailureOf(handler).Failure, EChannelFailure::LaunchFailed);
+  EXPECT_NE(handler.GetStartErrorNumber(), 0u);
+  EXPECT_EQ(handler.GetHandlerExit().How, EHandlerEnd::None);
 }
 
 // --- Queries --------------------------------------------------------------------------------

@@ -1,5 +1,7 @@
 // Linux side of the reliability support: processes as /proc and kill() see them.
+#include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +21,19 @@ bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout) {
   }
   return true;
 }
+
+bool ProcessEndedWithin(std::uint32_t pid, std::chrono::milliseconds timeout) {
+  const int fd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
+  if (fd < 0) return errno == ESRCH;
+  pollfd ended{fd, POLLIN, 0};
+  const int ready = ::poll(&ended, 1, static_cast<int>(timeout.count()));
+  ::close(fd);
+  return ready > 0;
+}
+
+CTolvane::CHandlerExit KilledByTheLibrary() { return {CTolvane::EHandlerEnd::Signaled, SIGKILL}; }
+
+bool KillProcess(std::uint32_t pid) { return ::kill(static_cast<pid_t>(pid), SIGKILL) == 0; }
 
 std::uint64_t ResidentBytes() {
   std::ifstream statm("/proc/self/statm");

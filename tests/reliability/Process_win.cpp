@@ -21,6 +21,20 @@ bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout) {
   return ended;
 }
 
+bool ProcessEndedWithin(std::uint32_t pid, std::chrono::milliseconds timeout) {
+  return ProcessGoneWithin(pid, timeout);
+}
+
+CTolvane::CHandlerExit KilledByTheLibrary() { return {CTolvane::EHandlerEnd::Exited, 1}; }
+
+bool KillProcess(std::uint32_t pid) {
+  const HANDLE process = ::OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
+  if (process == nullptr) return false;
+  const bool killed = ::TerminateProcess(process, 137) != FALSE;
+  ::CloseHandle(process);
+  return killed;
+}
+
 std::uint64_t ResidentBytes() {
   PROCESS_MEMORY_COUNTERS counters{};
   if (!::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters))) return 0;

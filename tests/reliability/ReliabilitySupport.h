@@ -65,6 +65,17 @@ std::string EchoProblem(CTolvane::CHandler& handler, const std::wstring& command
 // zombie) within `timeout`.
 bool ProcessGoneWithin(std::uint32_t pid, std::chrono::milliseconds timeout);
 
+// Whether process `pid` (not necessarily a child of this one) has ended within `timeout`,
+// waiting on the system's notice of its end (a pidfd, the process handle); a zombie has
+// ended. True when there is no such process.
+bool ProcessEndedWithin(std::uint32_t pid, std::chrono::milliseconds timeout);
+
+// How a handler that the library killed ended: SIGKILL on Linux, exit code 1 on Windows.
+CTolvane::CHandlerExit KilledByTheLibrary();
+
+// Kills process `pid` at once (SIGKILL, TerminateProcess); whether the system took it.
+bool KillProcess(std::uint32_t pid);
+
 // Whether this build counts the heap (not under ThreadSanitizer, whose runtime owns operator
 // new); where it does not, the three functions below give 0.
 bool HeapIsCounted();

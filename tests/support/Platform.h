@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace pendrel_test {
 
@@ -22,6 +23,10 @@ std::wstring ProgramPathFromBuild(std::string_view path);
 // The error number a pipe reader sees when its peer has closed its end: EPIPE on Linux,
 // ERROR_BROKEN_PIPE on Windows.
 std::uint32_t PeerGoneCode();
+
+// How std::abort() ends a process, as the handler client's CHandlerExit says it: {How, Code}
+// = {3 (Signaled), SIGABRT} on Linux, {2 (Exited), 3} on Windows.
+std::pair<int, int> AbortedProcessEnd();
 
 // The environment variable `name` of this process (UTF-8), nullopt when it is not set.
 std::optional<std::string> EnvironmentValue(const std::string& name);

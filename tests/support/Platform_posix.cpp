@@ -1,4 +1,6 @@
 // Linux side of Platform.h.
+#include <signal.h>
+
 #include <cerrno>
 #include <cstdlib>  // getenv, setenv, unsetenv
 
@@ -7,6 +9,8 @@
 namespace pendrel_test {
 
 std::string NativePath(std::string_view path) { return std::string(path); }
+
+std::pair<int, int> AbortedProcessEnd() { return {3, SIGABRT}; }
 
 std::uint32_t PeerGoneCode() { return EPIPE; }
 

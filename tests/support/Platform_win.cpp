@@ -17,6 +17,8 @@ std::string NativePath(std::string_view path) {
   return native;
 }
 
+std::pair<int, int> AbortedProcessEnd() { return {2, 3}; }
+
 std::uint32_t PeerGoneCode() { return ERROR_BROKEN_PIPE; }
 
 std::optional<std::string> EnvironmentValue(const std::string& name) {

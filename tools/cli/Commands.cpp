@@ -52,6 +52,11 @@ class CRun {
       : m_options(options), m_out(out), m_err(err) {
     m_handler.ResponseTimeoutS = options.TimeoutS;
   }
+  // A handler ends with its host: pendrel lets go of it and gives it its grace period to end
+  // by itself (acting on a closing notice, say) before pendrel itself ends.
+  ~CRun() { m_handler.Stop(m_handler.StopGracePeriodMs); }
+  CRun(const CRun&) = delete;
+  CRun& operator=(const CRun&) = delete;
 
   int Call() {
     Pendrel::CRequest request;

@@ -34,6 +34,17 @@
 //                           (room for 32760), then waits up to 60 s for the pipe to close
 //   --broken-at N           the 1-based message that --crash-mid-answer or --lying-header
 //                           breaks; the messages before it are answered normally
+//   --exit-code N           ends with N (0 to 255) wherever it would end with kExitNormal
+//   --print TEXT            first thing, writes "out:TEXT\n" to its standard output and
+//                           "err:TEXT\n" to its standard error, each flushed at once
+//   --report-env NAME       answers requests with the parameter "Env" = the environment
+//                           variable NAME as it found it, "<unset>" when there is none
+//   --abort-on-request      ends with std::abort() on the first request (Linux: SIGABRT;
+//                           Windows: exit code 3)
+//   --hang-in-request       the request callback never returns (it waits 60 s, then the
+//                           process ends with kExitLifetime)
+//   --close-grace-ms N      the kit's CloseGracePeriodMs
+//   --pid-file FILE         first thing, writes its process id and a line end to FILE
 // Numbers are decimal. A wrong argument ends the handler with kExitBadArguments before it
 // opens the pipe. --crash-mid-answer and --lying-header honour --record and --delay-ms and no
 // other option. The handler always ends: when the library closes the pipe, after --exit-after,
@@ -72,6 +83,7 @@ inline constexpr wchar_t kDefaultHandlerDescription[] = L"Test handler of pendre
 inline constexpr wchar_t kDefaultHandlerVersion[] = L"1.0";
 inline constexpr wchar_t kDefaultLibVersion[] = L"4";
 inline constexpr wchar_t kDefaultInputFileSize[] = L"123456789";
+inline constexpr wchar_t kUnsetEnvironmentValue[] = L"<unset>";
 inline constexpr char kNotJsonAnswer[] = "this is not JSON";
 
 // The full JSON text of the k-th unrequested message of --flood: a CResponse with

@@ -30,6 +30,26 @@ std::vector<std::wstring> SplitAtCommas(const std::wstring& text) {
   return parts;
 }
 
+// The option's field when `name` is a flag (an option without a value); null otherwise.
+bool* FlagOf(const std::wstring& name, TestHandlerOptions& options) {
+  static constexpr struct {
+    const wchar_t* name;
+    bool TestHandlerOptions::*field;
+  } kFlags[] = {
+      {L"--never-answer", &TestHandlerOptions::neverAnswer},
+      {L"--not-json", &TestHandlerOptions::notJson},
+      {L"--exit-before-connect", &TestHandlerOptions::exitBeforeConnect},
+      {L"--never-connect", &TestHandlerOptions::neverConnect},
+      {L"--lying-header", &TestHandlerOptions::lyingHeader},
+      {L"--abort-on-request", &TestHandlerOptions::abortOnRequest},
+      {L"--hang-in-request", &TestHandlerOptions::hangInRequest},
+  };
+  for (const auto& flag : kFlags) {
+    if (name == flag.name) return &(options.*flag.field);
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
@@ -42,24 +62,8 @@ bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const std::wstring& name = arguments[i];
     // Flags first; every other option takes the next argument as its value.
-    if (name == L"--never-answer") {
-      options.neverAnswer = true;
-      continue;
-    }
-    if (name == L"--not-json") {
-      options.notJson = true;
-      continue;
-    }
-    if (name == L"--exit-before-connect") {
-      options.exitBeforeConnect = true;
-      continue;
-    }
-    if (name == L"--never-connect") {
-      options.neverConnect = true;
-      continue;
-    }
-    if (name == L"--lying-header") {
-      options.lyingHeader = true;
+    if (bool* flag = FlagOf(name, options)) {
+      *flag = true;
       continue;
     }
     if (i + 1 >= arguments.size()) {
@@ -99,6 +103,18 @@ bool ParseTestHandlerOptions(const std::vector<std::wstring>& arguments,
     } else if (name == L"--crash-mid-answer") {
       valid = isCount;
       options.crashMidAnswer = number;
+    } else if (name == L"--exit-code") {
+      valid = isCount && number < 256;
+      options.exitCode = number;
+    } else if (name == L"--print") {
+      options.print = value;
+    } else if (name == L"--pid-file") {
+      options.pidFile = value;
+    } else if (name == L"--report-env") {
+      options.reportEnv = value;
+    } else if (name == L"--close-grace-ms") {
+      valid = isCount;
+      options.closeGraceMs = number;
     } else if (name == L"--broken-at") {
       valid = isCount && number > 0;
       options.brokenAt = number;

@@ -29,6 +29,13 @@ struct TestHandlerOptions {
   std::optional<unsigned> crashMidAnswer;
   bool lyingHeader = false;
   unsigned brokenAt = 1;
+  std::optional<unsigned> exitCode;
+  std::wstring print;      // empty: prints nothing
+  std::wstring reportEnv;  // empty: reports no variable
+  bool abortOnRequest = false;
+  bool hangInRequest = false;
+  std::optional<unsigned> closeGraceMs;
+  std::wstring pidFile;  // empty: none
 };
 
 // Fills `options` (defaults first) from `arguments`; false with a text in `error` for an

@@ -4,9 +4,10 @@
 #include <algorithm>  // std::max
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>  // std::_Exit
+#include <cstdlib>  // std::_Exit, std::abort
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "tests/handler/test_handler/TestHandlerOptions.h"
 #include "tests/support/ForgedPacket.h"
 #include "tests/support/PacketPipe.h"
+#include "tests/support/TestProcess.h"
 
 namespace pendrel_test {
 namespace {
@@ -29,6 +31,8 @@ constexpr auto kNeverConnectSleep = 30s;
 constexpr auto kConnectTime = 10s;
 // How long --lying-header waits for the library to give up on the pipe.
 constexpr auto kLyingHeaderWait = 60s;
+// How long --hang-in-request's callback keeps the handler busy.
+constexpr auto kHangInRequest = 60s;
 
 class TestHandler {
  public:
@@ -43,6 +47,7 @@ class TestHandler {
   void Wire() {
     m_kit.ConnectTimeMs = static_cast<std::uint32_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(kConnectTime).count());
+    if (m_options.closeGraceMs) m_kit.CloseGracePeriodMs = *m_options.closeGraceMs;
     m_kit.OnConnected = [this] { Connected(); };
     m_kit.OnMessage = [this](const std::string& message) { return Received(message); };
     m_kit.OnRequest = [this](const Pendrel::CRequest& request) { return Echo(request); };
@@ -103,6 +108,11 @@ class TestHandler {
   }
 
   Pendrel::CResponse Echo(const Pendrel::CRequest& request) {
+    if (m_options.abortOnRequest) std::abort();
+    if (m_options.hangInRequest) {
+      std::this_thread::sleep_for(kHangInRequest);
+      std::_Exit(kExitLifetime);
+    }
     Pendrel::CResponse response;
     response.Session = m_sessionKey;
     response.Parameters = request.RequestParams;
@@ -112,6 +122,11 @@ class TestHandler {
     response.Parameters[L"Command"] = request.Command;
     response.Parameters[L"CommandAtribute"] = request.CommandAtribute;
     response.Data = request.InputData;
+    if (!m_options.reportEnv.empty()) {
+      const std::optional<std::string> value =
+          EnvironmentValue(Pendrel::Utf16ToUtf8(m_options.reportEnv));
+      response.Parameters[L"Env"] = value ? Pendrel::Utf8ToUtf16(*value) : kUnsetEnvironmentValue;
+    }
     m_outputFiles.insert(m_outputFiles.end(), request.InputData.begin(), request.InputData.end());
     return response;
   }
@@ -185,16 +200,27 @@ int Main() {
       std::_Exit(kExitLifetime);
     }).detach();
   }
-  if (options.exitBeforeConnect) return kExitNormal;
+  if (!options.pidFile.empty()) {
+    std::ofstream(std::filesystem::path(options.pidFile)) << OwnProcessId() << '\n';
+  }
+  if (!options.print.empty()) {
+    const std::string text = Pendrel::Utf16ToUtf8(options.print);
+    std::fprintf(stdout, "out:%s\n", text.c_str());
+    std::fflush(stdout);
+    std::fprintf(stderr, "err:%s\n", text.c_str());
+    std::fflush(stderr);
+  }
+  const int normal = options.exitCode ? static_cast<int>(*options.exitCode) : kExitNormal;
+  if (options.exitBeforeConnect) return normal;
   if (options.neverConnect) {
     std::this_thread::sleep_for(kNeverConnectSleep);
-    return kExitNormal;
+    return normal;
   }
   const std::filesystem::path doneFile(options.doneFile);
   TestHandler handler(std::move(options));
   const int code = handler.Run(arguments);
   if (!doneFile.empty()) std::ofstream(doneFile) << code << '\n';
-  return code;
+  return code == kExitNormal ? normal : code;
 }
 
 }  // namespace

@@ -19,6 +19,8 @@
 //                            that nobody asked for
 //   --deep-answer N          answers every message with a response whose parameter "deep"
 //                            is N nested arrays
+//   --stubborn               ignores SIGTERM, and stays after the pipe has closed until its
+//                            lifetime ends (a handler stuck in a callback)
 //   --answer-bytes N         answers every message with one file of N bytes of
 //                            pendrel_test::PatternBytes(N) (named by its checksum, as
 //                            ChecksumAnswer does)

@@ -3,6 +3,7 @@
 // never the channel itself, so it can stop, lie or flood wherever a test wants it to.
 #include <algorithm>  // std::max, std::min
 #include <chrono>
+#include <csignal>  // std::signal
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>  // std::_Exit, std::strtoull
@@ -55,6 +56,7 @@ struct Options {
   std::wstring squatName;
   std::string squatReport;
   bool squatRaw = false;
+  bool stubborn = false;
 };
 
 bool ReadNumber(const char* text, std::uint64_t& value) {
@@ -107,6 +109,10 @@ bool ParseOptions(int argc, char** argv, Options& options) {
     }
     if (IsStartArgument(argument, EStartArgument::Mode, value) ||
         IsStartArgument(argument, EStartArgument::ExValue, value)) {
+      continue;
+    }
+    if (argument == "--stubborn") {
+      options.stubborn = true;
       continue;
     }
     if (argument == "--packet-size") {
@@ -244,12 +250,15 @@ int Serve(const Options& options) {
     if (!pipe.WriteMessage(std::move(answer))) break;
     RecordAnswered(options, answerSize);
   }
+  // A handler stuck elsewhere: the closed pipe does not end it; only its lifetime does.
+  if (options.stubborn) std::this_thread::sleep_for(std::chrono::milliseconds(options.lifetimeMs));
   return kExitNormal;
 }
 
 int Main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, options)) return kExitBadArguments;
+  if (options.stubborn) std::signal(SIGTERM, SIG_IGN);
   if (!options.pidFile.empty()) {
     std::ofstream(options.pidFile) << CurrentProcessId() << '\n';
   }
