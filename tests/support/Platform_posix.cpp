@@ -10,6 +10,8 @@ std::string NativePath(std::string_view path) { return std::string(path); }
 
 std::uint32_t PeerGoneCode() { return EPIPE; }
 
+std::string TextModeLineEnd() { return "\n"; }
+
 std::optional<std::string> EnvironmentValue(const std::string& name) {
   if (const char* value = std::getenv(name.c_str())) return std::string(value);
   return std::nullopt;
