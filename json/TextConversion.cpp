@@ -149,8 +149,8 @@ std::basic_string<Char> FormatText(const Char* format, va_list args) {
     va_copy(attempt, args);
     const int length = FormatInto(buffer.data(), buffer.size(), format, attempt);
     va_end(attempt);
-    // The terminator is always inside the buffer: the formatter writes one, or the zeroing
-    // left the last element.
+    // A formatter that ran out of room may have filled the buffer: its last element ends
+    // the text.
     buffer.back() = Char{};
     const std::size_t text = std::char_traits<Char>::length(buffer.data());
     const bool fits = length >= 0 && static_cast<std::size_t>(length) < buffer.size();
