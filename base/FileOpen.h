@@ -19,7 +19,9 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 // opened. The descriptor is not inherited by child processes started meanwhile.
 FilePtr OpenFile(const std::wstring& path, const char* mode);
 
-inline FilePtr OpenForBinaryRead(const std::wstring& path) { return OpenFile(path, "rb"); }
+// Opens the file `path` for binary reading; null when it cannot be opened or is a folder
+// (which some systems open for reading, failing only the reads).
+FilePtr OpenForBinaryRead(const std::wstring& path);
 
 // Whether `c` ends the directory part of a path. Windows names split only at "\" (a "/" is
 // kept in the file name, as hosts expect); other systems split at both "/" and "\".

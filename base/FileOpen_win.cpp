@@ -12,6 +12,9 @@ FilePtr OpenFile(const std::wstring& path, const char* mode) {
   return FilePtr(_wfopen(path.c_str(), wideMode.c_str()));
 }
 
+// _wfopen refuses a folder by itself.
+FilePtr OpenForBinaryRead(const std::wstring& path) { return OpenFile(path, "rb"); }
+
 bool IsPathSeparator(wchar_t c) { return c == L'\\'; }
 
 wchar_t PreferredPathSeparator() { return L'\\'; }

@@ -98,32 +98,6 @@ JsonNode* DetachScalar(JsonValue& value) {
   return Detach(value);
 }
 
-// `name` in the UTF-16 units that stored names decode to. A template so that the branch for
-// the other width of wchar_t is not compiled at all.
-template <typename Char>
-std::basic_string_view<Char> AsUtf16Units(std::basic_string_view<Char> name,
-                                          std::basic_string<Char>& scratch) {
-  if constexpr (sizeof(Char) > 2) {
-    // Where wchar_t holds whole characters, split those above 0xFFFF into the two halves
-    // that Windows holds for them.
-    bool wide = false;
-    for (Char c : name) wide = wide || static_cast<char32_t>(c) > 0xFFFF;
-    if (!wide) return name;
-    for (Char c : name) {
-      const auto value = static_cast<char32_t>(c);
-      if (value <= 0xFFFF) {
-        scratch += c;
-      } else if (value <= 0x10FFFF) {  // beyond that, the UTF-8 conversion drops it too
-        scratch += static_cast<Char>(0xD800 + ((value - 0x10000) >> 10));
-        scratch += static_cast<Char>(0xDC00 + ((value - 0x10000) & 0x3FF));
-      }
-    }
-    return scratch;
-  } else {
-    return name;
-  }
-}
-
 }  // namespace
 
 JsonValue::JsonValue(const JsonValue& other) noexcept : m_node(other.m_node) {
@@ -255,8 +229,7 @@ const JsonValue& GetMember(const JsonValue& object, std::string_view name) {
 
 const JsonValue& GetMember(const JsonValue& object, std::wstring_view name) {
   if (KindOf(object) != JsonKind::Object) return kMissingMember;
-  std::wstring scratch;
-  const std::wstring_view wanted = AsUtf16Units(name, scratch);
+  const std::wstring wanted = AsDecodedText(name);
   for (const JsonMember& member : Members(object)) {
     if (Utf8ToUtf16(member.name) == wanted) return member.value;
   }

@@ -12,6 +12,9 @@ namespace {
 
 constexpr char32_t kDroppedUnit = 0xFFFF;
 
+bool IsHighSurrogate(char32_t u) { return u >= 0xD800 && u <= 0xDBFF; }
+bool IsLowSurrogate(char32_t u) { return u >= 0xDC00 && u <= 0xDFFF; }
+
 // Writes one 16-bit unit as one to three bytes; returns the new end.
 char* PutUnit(char32_t u, char* out) {
   if (u < 0x80) {
@@ -40,6 +43,22 @@ char* PutWideChar(wchar_t c, char* out) {
     }
   }
   return PutUnit(value, out);
+}
+
+// Appends the decoded UTF-16 `unit` to the `count` units of `out`. Where wchar_t is 32 bits,
+// a low half right after a high half is joined with it: the string then holds the character,
+// as Windows holds the pair. Lone halves stay.
+void PutDecodedUnit(char32_t unit, wchar_t* out, std::size_t& count) {
+  if constexpr (sizeof(wchar_t) > 2) {
+    if (IsLowSurrogate(unit) && count > 0) {
+      const auto high = static_cast<char32_t>(out[count - 1]);
+      if (IsHighSurrogate(high)) {
+        out[count - 1] = static_cast<wchar_t>(0x10000 + ((high - 0xD800) << 10) + (unit - 0xDC00));
+        return;
+      }
+    }
+  }
+  out[count++] = static_cast<wchar_t>(unit);
 }
 
 // Worst case of PutWideChar: three bytes per unit, two units per 32-bit character.
@@ -74,14 +93,14 @@ std::wstring Utf8ToUtf16(std::string_view text) {
   while (i < n) {
     const unsigned b = in[i];
     if (b < 0x80) {
-      result[count++] = static_cast<wchar_t>(b);
+      PutDecodedUnit(b, result.data(), count);
       i += 1;
     } else if ((b & 0xE0) == 0xC0 && i + 1 < n) {
-      result[count++] = static_cast<wchar_t>(((b & 0x1F) << 6) | (in[i + 1] & 0x3F));
+      PutDecodedUnit(((b & 0x1F) << 6) | (in[i + 1] & 0x3F), result.data(), count);
       i += 2;
     } else if ((b & 0xF0) == 0xE0 && i + 2 < n) {
-      result[count++] =
-          static_cast<wchar_t>(((b & 0x0F) << 12) | ((in[i + 1] & 0x3F) << 6) | (in[i + 2] & 0x3F));
+      PutDecodedUnit(((b & 0x0F) << 12) | ((in[i + 1] & 0x3F) << 6) | (in[i + 2] & 0x3F),
+                     result.data(), count);
       i += 3;
     } else {
       i += 1;  // stray continuation, four-byte lead or cut-off sequence
@@ -91,46 +110,75 @@ std::wstring Utf8ToUtf16(std::string_view text) {
   return result;
 }
 
+std::wstring AsDecodedText(std::wstring_view text) {
+  std::wstring result(text.size(), L'\0');
+  std::size_t count = 0;
+  for (wchar_t c : text) {
+    const auto value = static_cast<char32_t>(c);
+    if (value <= 0x10FFFF) PutDecodedUnit(value, result.data(), count);
+  }
+  result.resize(count);
+  return result;
+}
+
+namespace {
+
+// vsnprintf / vswprintf, picked by the character type.
+int FormatInto(char* buffer, std::size_t size, const char* format, va_list args) {
+  return std::vsnprintf(buffer, size, format, args);
+}
+
+int FormatInto(wchar_t* buffer, std::size_t size, const wchar_t* format, va_list args) {
+  return std::vswprintf(buffer, size, format, args);
+}
+
+// printf-style formatting; the result is the text up to the first zero, as a C caller would
+// read the buffer. C libraries disagree on what they return when the text does not fit:
+// vsnprintf and MinGW's vswprintf say the full length, glibc's vswprintf says -1, as on a
+// format error (a "%" at the end, a character the locale cannot convert). The buffer is
+// zeroed before each try, so after an error it holds what was written before it; -1 with
+// a full buffer may be either, so the buffer grows until the text fits, and past the limit
+// the text is cut rather than grown without end.
+template <typename Char>
+std::basic_string<Char> FormatText(const Char* format, va_list args) {
+  constexpr std::size_t kLimit = std::size_t{1} << 24;
+  std::vector<Char> buffer(256);
+  for (;;) {
+    std::fill(buffer.begin(), buffer.end(), Char{});
+    va_list attempt;
+    va_copy(attempt, args);
+    const int length = FormatInto(buffer.data(), buffer.size(), format, attempt);
+    va_end(attempt);
+    // A formatter that ran out of room may have filled the buffer: its last element ends
+    // the text.
+    buffer.back() = Char{};
+    const std::size_t text = std::char_traits<Char>::length(buffer.data());
+    const bool fits = length >= 0 && static_cast<std::size_t>(length) < buffer.size();
+    const bool failedShort = length < 0 && text + 1 < buffer.size();
+    if (fits || failedShort || buffer.size() >= kLimit) {
+      return std::basic_string<Char>(buffer.data(), text);
+    }
+    const std::size_t wanted = length >= 0 ? static_cast<std::size_t>(length) + 1 : 0;
+    buffer.resize(std::min(kLimit, std::max(wanted, buffer.size() * 4)));
+  }
+}
+
+}  // namespace
+
 std::string FormatString(const char* format, ...) {
-  char small[256];
   va_list args;
   va_start(args, format);
-  va_list retry;
-  va_copy(retry, args);
-  const int length = std::vsnprintf(small, sizeof small, format, args);
+  std::string result = FormatText(format, args);
   va_end(args);
-  std::string result;
-  if (length > 0 && static_cast<std::size_t>(length) < sizeof small) {
-    result.assign(small, static_cast<std::size_t>(length));
-  } else if (length > 0) {
-    result.resize(static_cast<std::size_t>(length));
-    std::vsnprintf(result.data(), result.size() + 1, format, retry);
-  }
-  va_end(retry);
   return result;
 }
 
 std::wstring FormatWString(const wchar_t* format, ...) {
-  // C libraries disagree on what vswprintf returns when the text does not fit: glibc says -1,
-  // MinGW's C99 printf says the full length. The buffer grows until the text fits; past the
-  // limit the text is cut rather than grown without end.
-  constexpr std::size_t kLimit = std::size_t{1} << 24;
-  std::vector<wchar_t> buffer(256);
-  for (;;) {
-    va_list args;
-    va_start(args, format);
-    const int length = std::vswprintf(buffer.data(), buffer.size(), format, args);
-    va_end(args);
-    if (length >= 0 && static_cast<std::size_t>(length) < buffer.size()) {
-      return std::wstring(buffer.data(), static_cast<std::size_t>(length));
-    }
-    if (buffer.size() >= kLimit) {
-      buffer.back() = L'\0';
-      return std::wstring(buffer.data());
-    }
-    const std::size_t wanted = length >= 0 ? static_cast<std::size_t>(length) + 1 : 0;
-    buffer.assign(std::min(kLimit, std::max(wanted, buffer.size() * 4)), L'\0');
-  }
+  va_list args;
+  va_start(args, format);
+  std::wstring result = FormatText(format, args);
+  va_end(args);
+  return result;
 }
 
 std::wstring ToUpperW(std::wstring text) {

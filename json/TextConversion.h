@@ -7,7 +7,8 @@
 //   and the unit 0xFFFF is dropped.
 // - Where wchar_t is 32 bits wide (Linux), a character above 0xFFFF is first split into its
 //   two UTF-16 halves, so both platforms write the same bytes; values above 0x10FFFF are
-//   dropped.
+//   dropped. Reading joins the two halves back into one character, so a wide string holds
+//   on both platforms what Windows holds as the pair.
 // - Invalid UTF-8 is skipped byte by byte; four-byte sequences vanish.
 // All functions are pure and may be called from any thread.
 #pragma once
@@ -25,18 +26,27 @@ std::string Utf16ToUtf8(std::wstring_view text);
 std::string Utf16ToUtf8Terminated(std::wstring_view text);
 
 // Wide string of the UTF-8 `text`; one unit per sequence of one to three bytes, zero units
-// kept, everything else skipped.
+// kept, everything else skipped. Where wchar_t is 32 bits, a low surrogate unit right after a
+// high one is joined with it into one character; lone halves stay as they are.
 std::wstring Utf8ToUtf16(std::string_view text);
 
-// printf-style formatting into a new string. Never overruns; thread-safe.
+// `text` in the form Utf8ToUtf16 gives back what it stands for, to compare it with decoded
+// text: where wchar_t is 32 bits, halves held one per wchar_t are joined into the character
+// and values beyond 0x10FFFF dropped; elsewhere `text` itself.
+std::wstring AsDecodedText(std::wstring_view text);
+
+// printf-style formatting into a new string: the formatted text up to its first zero
+// ("a%cb" with 0 gives "a"); on a format error (a "%" at the end, a character the locale
+// cannot convert), what was written before it. Never overruns; thread-safe.
 #if defined(__GNUC__)
 __attribute__((format(printf, 1, 2)))
 #endif
 std::string
 FormatString(const char* format, ...);
 
-// wprintf-style formatting into a new wide string. Never overruns; thread-safe. Pass wide
-// string arguments with "%ls", which means the same on every platform.
+// wprintf-style formatting into a new wide string, with the same rules as FormatString.
+// Never overruns; thread-safe. Pass wide string arguments with "%ls", which means the same
+// on every platform.
 std::wstring FormatWString(const wchar_t* format, ...);
 
 // `text` with every unit mapped through the C library's towupper.

@@ -90,11 +90,12 @@ class PENDREL_API CMimeFile {
   bool IsAttachment = true;
 
   // Reads the file at `path` into this record. Returns false, leaving the record unchanged,
-  // when the file cannot be opened. Otherwise sets FileName (the text after the last path
-  // separator: "\" on Windows, "\" or "/" elsewhere), Name, Type (from the extension) and
-  // Data, and returns true; IsAttachment is not touched. A file name without "." is an
-  // error: FileName and Name are replaced, the file is closed and std::out_of_range is
-  // thrown. Files whose size does not fit a 32-bit long are not supported.
+  // when `path` cannot be opened as a file (missing, unreadable, a folder). Otherwise sets
+  // FileName (the text after the last path separator: "\" on Windows, "\" or "/" elsewhere),
+  // Name, Type (from the extension) and Data, and returns true; IsAttachment is not touched.
+  // A file name without "." is an error: FileName and Name are replaced, the file is closed
+  // and std::out_of_range is thrown. Files whose size does not fit a 32-bit long are not
+  // supported.
   bool LoadFromFile(const std::wstring& path);
 };
 

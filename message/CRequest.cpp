@@ -9,20 +9,18 @@
 namespace Pendrel {
 namespace {
 
-using ParamMap = std::map<std::wstring, std::wstring>;
-
-bool HasKey(const ParamMap& params, const std::wstring& key) {
+bool HasKey(const CKeyValueMap& params, const std::wstring& key) {
   return params.find(ToUpperW(key)) != params.end();
 }
 
-std::wstring ValueOf(const ParamMap& params, const std::wstring& key) {
+std::wstring ValueOf(const CKeyValueMap& params, const std::wstring& key) {
   const auto it = params.find(ToUpperW(key));
   return it == params.end() ? std::wstring() : it->second;
 }
 
 // Appends `separator`, the key folded to lower case, "=" and the value for every entry;
 // `first` introduces the first entry instead of `separator`.
-std::wstring JoinParams(const ParamMap& params, wchar_t first, wchar_t separator) {
+std::wstring JoinParams(const CKeyValueMap& params, wchar_t first, wchar_t separator) {
   std::wstring text;
   for (const auto& [key, value] : params) {
     text += text.empty() ? first : separator;

@@ -6,12 +6,12 @@
 // synchronised: one thread at a time; the const operations only read.
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include "message/CMimeFile.h"
 #include "message/Export.h"
+#include "message/KeyValueMap.h"
 
 namespace Pendrel {
 
@@ -19,10 +19,10 @@ class PENDREL_API CRequest {
  public:
   // Carried with the request; no operation of the record reads or writes it.
   std::wstring Resource;
-  std::wstring Command;                                // compared case-sensitively everywhere
-  std::wstring CommandAtribute;                        // spelled as handlers spell the JSON key
-  std::map<std::wstring, std::wstring> CommandParams;  // path segments of the URL form
-  std::map<std::wstring, std::wstring> RequestParams;  // query string of the URL form
+  std::wstring Command;          // compared case-sensitively everywhere
+  std::wstring CommandAtribute;  // spelled as handlers spell the JSON key
+  CKeyValueMap CommandParams;    // path segments of the URL form
+  CKeyValueMap RequestParams;    // query string of the URL form
   std::vector<CMimeFile> InputData;
 
   CRequest();

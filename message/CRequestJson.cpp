@@ -12,8 +12,6 @@
 namespace Pendrel {
 namespace {
 
-using ParamMap = std::map<std::wstring, std::wstring>;
-
 // A String node holding `bytes` unconverted, such as a MIME type name.
 JsonValue MakeByteString(std::string bytes) {
   JsonValue value = MakeValue(JsonKind::String);
@@ -21,7 +19,7 @@ JsonValue MakeByteString(std::string bytes) {
   return value;
 }
 
-void AddParams(JsonValue& root, const char* name, const ParamMap& params) {
+void AddParams(JsonValue& root, const char* name, const CKeyValueMap& params) {
   JsonValue& object = AddMember(root, name, MakeObject());
   for (const auto& [key, value] : params) AddMember(object, key, MakeString(value));
 }
@@ -29,7 +27,7 @@ void AddParams(JsonValue& root, const char* name, const ParamMap& params) {
 // Reads the members of `object` into `params`; a key already present keeps its value.
 // Anything but an object reads as no members.
 template <typename KeyOf>
-void ReadParams(const JsonValue& object, ParamMap& params, KeyOf keyOf) {
+void ReadParams(const JsonValue& object, CKeyValueMap& params, KeyOf keyOf) {
   if (!IsObject(object)) return;
   for (const JsonMember& member : Members(object)) {
     params.emplace(keyOf(Utf8ToUtf16(member.name)), AsWString(member.value, L""));

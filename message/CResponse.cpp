@@ -1,7 +1,8 @@
 #include "message/CResponse.h"
 
-#include <iostream>  // std::wcout
 #include <utility>
+
+#include "message/detail/StandardOutput.h"
 
 namespace Pendrel {
 
@@ -64,9 +65,7 @@ bool CResponse::HasAttachedFiles() const {
 CResponse Error(std::wstring message) { return Error(kDefaultStatus, std::move(message)); }
 
 CResponse Error(EStatus status, std::wstring message) {
-  std::wcout << message << std::endl;
-  // A character the stream cannot convert must not silence every later message.
-  std::wcout.clear();
+  detail::WriteStandardOutputLine(message);
   CResponse response(std::move(message));
   response.Status = status;
   return response;

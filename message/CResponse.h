@@ -6,12 +6,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "message/CMimeFile.h"
 #include "message/Export.h"
+#include "message/KeyValueMap.h"
 
 namespace Pendrel {
 
@@ -45,7 +45,7 @@ class PENDREL_API CResponse {
   std::vector<CMimeFile> Data;
   EStatus Status = static_cast<EStatus>(3);
   std::wstring Session;
-  std::map<std::wstring, std::wstring> Parameters;  // "error" holds an error's message
+  CKeyValueMap Parameters;  // "error" holds an error's message
   CProgress Progress;
 
   // Status 3, nothing else set.
@@ -104,8 +104,11 @@ class PENDREL_API CResponse {
   void ToHttpRequestData(std::string& header, std::string& body) const;
 };
 
-// Writes `message` and a line end to the standard wide output, flushes it, and returns
-// CResponse(message).
+// Writes `message` and a line end to the process's standard output, flushes it, and returns
+// CResponse(message). Windows writes through std::wcout; other systems write UTF-8 through
+// the byte stream (wide characters when the host has made stdout wide-oriented) and never
+// change stdout's orientation, so the host's own printf and std::cout output keeps appearing.
+// Any thread.
 PENDREL_API CResponse Error(std::wstring message);
 
 // As Error(message), with Status set to `status`.

@@ -18,13 +18,13 @@ std::wstring DefaultFolder() {
   return folder;
 }
 
-// Opens (or creates) `fileName` in `folder` for appending and writes the local date and
-// time, without a line end: the caller's text follows on the same line.
+// Opens (or creates) `fileName` in `folder` for appending, in text mode, and writes the local
+// date and time, without a line end: the caller's text follows on the same line.
 FilePtr OpenLogFile(const std::wstring& folder, const std::wstring& fileName) {
   Pendrel::base::CreateFolder(folder.substr(0, folder.size() - 1));
   const std::wstring path = folder + fileName;
-  FilePtr file = Pendrel::base::OpenFile(path, "ab");
-  if (!file) file = Pendrel::base::OpenFile(path, "wb");
+  FilePtr file = Pendrel::base::OpenFile(path, "a");
+  if (!file) file = Pendrel::base::OpenFile(path, "w");
   if (!file) return nullptr;
   const LocalTime now = CurrentLocalTime();
   std::fprintf(file.get(), "%02d.%02d.%04d %02d:%02d:%02d", now.day, now.month, now.year, now.hour,

@@ -1,7 +1,7 @@
 // The transaction log's files: when a handler runs with a mode of 1 to 3, exchanges that
 // fail on the pipe are written to files named by the session and the moment (e.g.
 // Listing017.txt and 017-00342-2.txt) in "HarnockLogs" beside the host program. The files
-// are opened in binary mode, so they hold the same bytes on every platform. CHandler
+// are opened in text mode: on Windows every line end is written as CR LF. CHandler
 // (handler/TransactionLog.cpp) fills the record; this part only writes it.
 #pragma once
 

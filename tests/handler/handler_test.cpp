@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -31,6 +32,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using pendrel_test::AsTextModeLines;
 using pendrel_test::PatternBytes;
 using pendrel_test::ReadRecordedMessages;
 using pendrel_test::TempDir;
@@ -778,7 +780,7 @@ TEST(HandlerLog, ModeOneWritesTheFullRecord) {
   EXPECT_EQ(files[0].substr(9), "-2.txt");
   const std::string text = log.Read(files[0]);
   EXPECT_TRUE(IsTimeStamp(text.substr(0, 19))) << text.substr(0, 19);
-  EXPECT_TRUE(text.substr(19) == "\nRequest:\n" + request + "\nResponse:\n\n");
+  EXPECT_TRUE(text.substr(19) == AsTextModeLines("\nRequest:\n" + request + "\nResponse:\n\n"));
 }
 
 TEST(HandlerLog, ModeTwoWritesTheListing) {
@@ -791,8 +793,8 @@ TEST(HandlerLog, ModeTwoWritesTheListing) {
   EXPECT_TRUE(IsTimeStamp(text.substr(0, 19)));
   const std::string rest = text.substr(19);
   EXPECT_EQ(rest.substr(0, 17), " Transaction 017-");
-  EXPECT_EQ(rest.substr(22),
-            "-2; RequestSize=" + std::to_string(request.size()) + "; ResponseSize=0\n");
+  EXPECT_EQ(rest.substr(22), AsTextModeLines("-2; RequestSize=" + std::to_string(request.size()) +
+                                             "; ResponseSize=0\n"));
 }
 
 TEST(HandlerLog, ModeThreeWritesBoth) {
@@ -813,13 +815,20 @@ TEST(HandlerLog, TagsPadSessionAndTime) {
   EXPECT_EQ(detail::MomentTag(12345678), L"123456");
 }
 
-TEST(HandlerLog, EntriesOfOneMomentShareTheFile) {
-  LogFolder log;
+// A record of mode 3 (both files) for session `session` at `elapsedMs`, logged into `log`.
+detail::TransactionRecord BothFilesRecord(const LogFolder& log, const std::wstring& session,
+                                          std::uint64_t elapsedMs) {
   detail::TransactionRecord record;
   record.mode = 3;
-  record.sessionTag = detail::SessionTag(L"1234");
-  record.momentTag = detail::MomentTag(500);
+  record.sessionTag = detail::SessionTag(session);
+  record.momentTag = detail::MomentTag(elapsedMs);
   record.folder = log.Folder();
+  return record;
+}
+
+TEST(HandlerLog, EntriesOfOneMomentShareTheFile) {
+  LogFolder log;
+  const detail::TransactionRecord record = BothFilesRecord(log, L"1234", 500);
   detail::WriteTransactionLog(record, "first", "");
   detail::WriteTransactionLog(record, "second", "answer");
   const auto files = log.Files();
@@ -827,11 +836,24 @@ TEST(HandlerLog, EntriesOfOneMomentShareTheFile) {
   EXPECT_EQ(files[0], "1234-00005-2.txt");
   EXPECT_EQ(files[1], "Listing1234.txt");
   const std::string text = log.Read(files[0]);
-  const std::size_t first = text.find("\nRequest:\nfirst\nResponse:\n\n");
-  const std::size_t second = text.find("\nRequest:\nsecond\nResponse:\nanswer\n");
+  const std::size_t first = text.find(AsTextModeLines("\nRequest:\nfirst\nResponse:\n\n"));
+  const std::size_t second = text.find(AsTextModeLines("\nRequest:\nsecond\nResponse:\nanswer\n"));
   ASSERT_NE(first, std::string::npos);
   ASSERT_NE(second, std::string::npos);
   EXPECT_LT(first, second);
+}
+
+TEST(HandlerLog, FilesAreTextFilesWithTheSystemsLineEnds) {
+  LogFolder log;
+  detail::WriteTransactionLog(BothFilesRecord(log, L"5", 100), "line one\nline two", "answer");
+  const std::string lineEnd = pendrel_test::TextModeLineEnd();
+  const std::string full = log.Read("005-00001-2.txt");
+  EXPECT_TRUE(IsTimeStamp(full.substr(0, 19)));
+  EXPECT_EQ(full.substr(19), lineEnd + "Request:" + lineEnd + "line one" + lineEnd + "line two" +
+                                 lineEnd + "Response:" + lineEnd + "answer" + lineEnd);
+  const std::string listing = log.Read("Listing005.txt");
+  EXPECT_EQ(listing.substr(19),
+            " Transaction 005-00001-2; RequestSize=17; ResponseSize=6" + lineEnd);
 }
 
 TEST(HandlerLog, SessionTextThatIsNotANumberGivesZero) {

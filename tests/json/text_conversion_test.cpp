@@ -55,9 +55,9 @@ TEST(Utf16ToUtf8, WritesSurrogatePairAsTwoThreeByteSequences) {
   halves += static_cast<wchar_t>(0xDE00);
   const std::string expected = Bytes({0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80});
   EXPECT_EQ(Utf16ToUtf8(halves), expected);
-  // Decoding the six bytes gives back the two halves, not the character: a strict UTF-8
-  // reader would reject them.
-  EXPECT_EQ(Utf8ToUtf16(expected), halves);
+  // A strict UTF-8 reader would reject the six bytes; ours gives back the character (the two
+  // halves where wchar_t is 16 bits, the character itself where it is 32).
+  EXPECT_EQ(Utf8ToUtf16(expected), L"\U0001F600");
 }
 
 TEST(Utf16ToUtf8, WritesCharacterAboveFFFFAsItsHalvesWhereWideCharsAre32Bits) {
@@ -120,8 +120,34 @@ TEST(Utf8ToUtf16, TakesContinuationBytesAsTheyCome) {
 
 TEST(Utf8ToUtf16, RoundTripsEveryUnitButFFFF) {
   std::wstring all;
-  for (unsigned u = 1; u < 0xFFFF; ++u) all += static_cast<wchar_t>(u);
+  for (unsigned u = 1; u < 0xFFFF; ++u) {
+    all += static_cast<wchar_t>(u);
+    // Kept apart: the last high half and the first low half would read back as a pair.
+    if (u == 0xDBFF) all += L'x';
+  }
   EXPECT_EQ(Utf8ToUtf16(Utf16ToUtf8(all)), all);
+}
+
+TEST(Utf8ToUtf16, JoinsSurrogateHalvesIntoTheCharacter) {
+  // U+1F600 and U+10FFFF as their halves' three-byte sequences, between ASCII letters.
+  const std::string bytes =
+      Bytes({'a', 0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80, 'b', 0xED, 0xAF, 0xBF, 0xED, 0xBF, 0xBF});
+  EXPECT_EQ(Utf8ToUtf16(bytes), L"a\U0001F600b\U0010FFFF");
+}
+
+TEST(Utf8ToUtf16, LeavesLoneAndReversedHalvesAsTheyAre) {
+  const wchar_t high = static_cast<wchar_t>(0xD83D);
+  const wchar_t low = static_cast<wchar_t>(0xDE00);
+  const std::wstring lone{high, L'A', low};
+  EXPECT_EQ(Utf8ToUtf16(Utf16ToUtf8(lone)), lone);
+  const std::wstring reversed{low, high};
+  EXPECT_EQ(Utf8ToUtf16(Utf16ToUtf8(reversed)), reversed);
+}
+
+TEST(Utf8ToUtf16, RoundTripsCharactersAboveFFFF) {
+  const std::wstring text = L"\U00010000 \U0001F600 \U0010FFFF\U0001D11E";
+  EXPECT_EQ(Utf8ToUtf16(Utf16ToUtf8(text)), text);
+  EXPECT_EQ(Utf8ToUtf16(Utf16ToUtf8Terminated(text)), text);
 }
 
 TEST(FormatString, FormatsLikePrintf) {
@@ -135,6 +161,36 @@ TEST(FormatString, DoesNotOverrunLongTexts) {
   const std::string result = FormatString("<%s>", longText.c_str());
   ASSERT_EQ(result.size(), longText.size() + 2);
   EXPECT_EQ(result, "<" + longText + ">");
+}
+
+TEST(FormatString, StopsAtTheFirstZero) {
+  EXPECT_EQ(FormatString("a%cb", 0), "a");
+  EXPECT_EQ(FormatString("%s|%c|%d", "x", 0, 5), "x|");
+}
+
+// A conversion cut off by the end of the format, held in a string so that the compiler does
+// not reject it.
+const std::string kBrokenFormat = "n=%d, then %";
+const std::wstring kBrokenWideFormat = L"n=%d, then %";
+
+TEST(FormatString, FormatErrorGivesWhatWasWrittenBeforeIt) {
+  EXPECT_EQ(FormatString(kBrokenFormat.c_str(), 7), "n=7, then ");
+  // Longer than the first buffer: the text before the error is still kept whole.
+  const std::string longText(1000, 'x');
+  const std::string longFormat = longText + "%";
+  EXPECT_EQ(FormatString(longFormat.c_str(), 0), longText);
+}
+
+TEST(FormatWString, StopsAtTheFirstZero) {
+  EXPECT_EQ(FormatWString(L"a%cb", 0), L"a");
+  EXPECT_EQ(FormatWString(L"%ls|%c|%d", L"x", 0, 5), L"x|");
+}
+
+TEST(FormatWString, FormatErrorGivesWhatWasWrittenBeforeIt) {
+  EXPECT_EQ(FormatWString(kBrokenWideFormat.c_str(), 7), L"n=7, then ");
+  const std::wstring longText(1000, L'y');
+  const std::wstring longFormat = longText + L"%";
+  EXPECT_EQ(FormatWString(longFormat.c_str(), 0), longText);
 }
 
 TEST(FormatWString, FormatsWideArguments) {

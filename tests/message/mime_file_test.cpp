@@ -212,6 +212,21 @@ TEST(MimeFileLoad, MissingFileGivesFalseAndLeavesRecordUnchanged) {
   ExpectFields(file, L"keep.txt", L"keep", Csv, "kept");
 }
 
+TEST(MimeFileLoad, FolderGivesFalseAndLeavesRecordUnchanged) {
+  TempDir dir;
+  for (const wchar_t* name : {L"archive.v2", L"folder"}) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(name)));
+    std::filesystem::create_directory(dir.path() / name);
+    CMimeFile file;
+    file.FileName = L"keep.txt";
+    file.Name = L"keep";
+    file.Data = "kept";
+    file.Type = Csv;
+    EXPECT_FALSE(file.LoadFromFile(dir.WidePath(name)));
+    ExpectFields(file, L"keep.txt", L"keep", Csv, "kept");
+  }
+}
+
 TEST(MimeFileLoad, NameWithoutDotThrowsAfterReplacingNamesAndClosesTheFile) {
   TempDir dir;
   const std::filesystem::path full = dir.Write("README", "text");

@@ -96,9 +96,8 @@ TEST(RequestJson, ReadsTheExampleBack) {
            R"("FileName":"notes.txt","Type":"text/plain","Data":"hi"}]})");
   EXPECT_EQ(request.Command, L"SIMPLEX");
   EXPECT_EQ(request.CommandAtribute, L"plan");
-  EXPECT_EQ(request.CommandParams, (std::map<std::wstring, std::wstring>{{L"PAGE", L"2"}}));
-  EXPECT_EQ(request.RequestParams,
-            (std::map<std::wstring, std::wstring>{{L"LANG", L"en"}, {L"TIMEOUT", L"30"}}));
+  EXPECT_EQ(request.CommandParams, (CKeyValueMap{{L"PAGE", L"2"}}));
+  EXPECT_EQ(request.RequestParams, (CKeyValueMap{{L"LANG", L"en"}, {L"TIMEOUT", L"30"}}));
   ExpectSameFiles(request.InputData, {File(Text, L"notes.txt", L"notes", "hi")});
   EXPECT_TRUE(request.IsCreationSession());
 }
@@ -135,7 +134,7 @@ TEST(RequestJson, ReadsOtherKindsLeniently) {
   EXPECT_EQ(request.CommandAtribute, L"");
   EXPECT_EQ(
       request.CommandParams,
-      (std::map<std::wstring, std::wstring>{
+      (CKeyValueMap{
           {L"N", L"5"}, {L"B", L"true"}, {L"Z", L"null"}, {L"O", L""}, {L"A", L""}, {L"S", L"s"}}));
 }
 
@@ -232,7 +231,7 @@ TEST(RequestJson, RoundTripsRandomRecords) {
 
     // What does not come back as it was: Resource is not in the form, request keys are
     // folded (the first of two that fold alike wins), files are attachments.
-    std::map<std::wstring, std::wstring> foldedParams;
+    CKeyValueMap foldedParams;
     for (const auto& [key, value] : original.RequestParams) {
       foldedParams.emplace(ToUpperW(key), value);
     }
@@ -248,18 +247,37 @@ TEST(RequestJson, RoundTripsRandomRecords) {
   }
 }
 
+// `original`, whose request keys are upper case and whose files are attachments, comes back
+// from its JSON form as it was and writes the same form again.
+void ExpectRoundTrip(const CRequest& original) {
+  CRequest back;
+  ASSERT_TRUE(back.FromJsonString(original.ToJsonString()));
+  EXPECT_EQ(back.Command, original.Command);
+  EXPECT_EQ(back.CommandAtribute, original.CommandAtribute);
+  EXPECT_EQ(back.CommandParams, original.CommandParams);
+  EXPECT_EQ(back.RequestParams, original.RequestParams);
+  ExpectSameFiles(back.InputData, original.InputData);
+  EXPECT_EQ(back.ToJsonString(), original.ToJsonString());
+}
+
 TEST(RequestJson, RoundTripsUpperCaseKeysUnchanged) {
   CRequest original;
   original.Command = L"DUPLEX";
   original.CommandParams[L"PAGE"] = L"3";
   original.RequestParams[L"LANG"] = L"en";
   original.InputData.push_back(File(Svg, L"a.svg", L"a", "<svg/>"));
-  CRequest back;
-  ASSERT_TRUE(back.FromJsonString(original.ToJsonString()));
-  EXPECT_EQ(back.Command, original.Command);
-  EXPECT_EQ(back.CommandParams, original.CommandParams);
-  EXPECT_EQ(back.RequestParams, original.RequestParams);
-  ExpectSameFiles(back.InputData, original.InputData);
+  ExpectRoundTrip(original);
+}
+
+TEST(RequestJson, RoundTripsCharactersAboveFFFF) {
+  CRequest original;
+  original.Command = L"\U0001F600";
+  original.CommandAtribute = L"x\U00010000y";
+  original.CommandParams[L"\U0001F600"] = L"v\U0001F600\U0010FFFF";
+  original.CommandParams[L"\uFF21"] = L"w";
+  original.RequestParams[L"K\U0001D11E"] = L"\U0001F4A9";
+  original.InputData.push_back(File(Text, L"\U0001F600 notes.txt", L"\U0001F600 notes", "x"));
+  ExpectRoundTrip(original);
 }
 
 TEST(RequestJson, RoundTripsSixteenMegabytesOfFileData) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -65,8 +64,8 @@ TEST(Request, RemoveRequestParameterFoldsKeyAndIgnoresMissing) {
 // unit order, a prefix first), values as they stand.
 struct ParamsStringCase {
   const char* what;
-  std::map<std::wstring, std::wstring> commandParams;
-  std::map<std::wstring, std::wstring> requestParams;
+  CKeyValueMap commandParams;
+  CKeyValueMap requestParams;
   const wchar_t* commandText;
   const wchar_t* requestText;
 };

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,7 +15,7 @@ using pendrel_test::ExpectSameFiles;
 
 constexpr EStatus Status(int value) { return static_cast<EStatus>(value); }
 
-using ParamMap = std::map<std::wstring, std::wstring>;
+using ParamMap = CKeyValueMap;
 
 CMimeFile File(EMimeType type, std::wstring fileName, std::wstring name, std::string data,
                bool isAttachment) {
@@ -315,6 +314,26 @@ TEST(ResponseJson, RoundTripsRandomFiles) {
     EXPECT_EQ(back.Session, L"");
     EXPECT_TRUE(back.Parameters.empty());
   }
+}
+
+TEST(ResponseJson, RoundTripsCharactersAboveFFFF) {
+  CResponse original(Status(0));
+  original.Session = L"s\U0001F600";
+  original.Parameters[L"\U0001F600"] = L"v\U0001F600\U0010FFFF";
+  original.Parameters[L"\uFF21"] = L"\U00010000";
+  original.Progress = pendrel_test::SetProgress({1, 2, 3, 4, 5, 6, 7});
+  CResponse back;
+  ASSERT_TRUE(back.FromJsonString(original.ToJsonString()));
+  EXPECT_EQ(back.Session, original.Session);
+  EXPECT_EQ(back.Parameters, original.Parameters);
+  EXPECT_EQ(back.ToJsonString(), original.ToJsonString());
+
+  CResponse withFiles;
+  withFiles.Data.push_back(File(Png, L"\U0001F600.png", L"\U0001F600", "png", false));
+  withFiles.Data.push_back(File(Text, L"a\U0001D11E.txt", L"a\U0001D11E", "txt", true));
+  CResponse filesBack;
+  ASSERT_TRUE(filesBack.FromJsonString(withFiles.ToJsonString()));
+  ExpectSameFiles(filesBack.Data, withFiles.Data);
 }
 
 TEST(ResponseJson, RoundTripsSixteenMegabytesOfFileData) {

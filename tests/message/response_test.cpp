@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <iostream>
-#include <sstream>
 #include <string>
 #include <utility>
 
+#include "tests/message/ErrorOutputChild.h"
+#include "tests/support/Platform.h"
 #include "tests/support/RecordChecks.h"
 
 namespace Pendrel {
@@ -18,18 +18,6 @@ using pendrel_test::ProgressNumbers;
 using pendrel_test::SetProgress;
 
 constexpr EStatus Status(int value) { return static_cast<EStatus>(value); }
-
-// Captures what is written to the standard wide output while it lives.
-class WideOutputCapture {
- public:
-  WideOutputCapture() : m_old(std::wcout.rdbuf(m_buffer.rdbuf())) {}
-  ~WideOutputCapture() { std::wcout.rdbuf(m_old); }
-  std::wstring Text() const { return m_buffer.str(); }
-
- private:
-  std::wostringstream m_buffer;
-  std::wstreambuf* m_old;
-};
 
 void ExpectProgressZero(const CProgress& progress) {
   EXPECT_EQ(NumbersOf(progress), ProgressNumbers{});
@@ -90,12 +78,10 @@ TEST(Response, EmptyMessageStillCreatesErrorEntry) {
   EXPECT_EQ(response.Parameters.at(L"error"), L"");
 }
 
-// An error response holds `status` and the one parameter "error" = "disk full", which was
-// printed as a line.
+// An error response holds `status` and the one parameter "error" = "disk full". What Error
+// prints is read from a child process (ResponseErrorOutput).
 void ExpectDiskFullError(const std::function<CResponse()>& makeError, int status) {
-  WideOutputCapture capture;
   const CResponse response = makeError();
-  EXPECT_EQ(capture.Text(), L"disk full\n");
   EXPECT_EQ(response.Status, status);
   ASSERT_EQ(response.Parameters.size(), 1u);
   EXPECT_EQ(response.Parameters.at(L"error"), L"disk full");
@@ -109,11 +95,25 @@ TEST(ResponseError, WithStatusPrintsMessageAndSetsStatus) {
   ExpectDiskFullError([] { return Error(Status(7), L"disk full"); }, 7);
 }
 
-TEST(ResponseError, EmptyMessagePrintsEmptyLine) {
-  WideOutputCapture capture;
+TEST(ResponseError, EmptyMessageGivesAnEmptyErrorParameter) {
   const CResponse response = Error(L"");
-  EXPECT_EQ(capture.Text(), L"\n");
   EXPECT_EQ(response.Parameters.at(L"error"), L"");
+}
+
+TEST(ResponseErrorOutput, PrintsLinesAndLaterNarrowOutputStillAppears) {
+  // Error(L"disk full"), Error(7, L""), then printf and std::cout.
+  EXPECT_EQ(pendrel_test::ErrorOutputOfChild("narrow"),
+            pendrel_test::AsTextModeLines("disk full\n\nprintf 1\ncout\n"));
+}
+
+TEST(ResponseErrorOutput, KeepsItsPlaceBetweenNarrowOutput) {
+  EXPECT_EQ(pendrel_test::ErrorOutputOfChild("byte"),
+            pendrel_test::AsTextModeLines("before\nmiddle\nafter\n"));
+}
+
+TEST(ResponseErrorOutput, LaterWideOutputStillAppearsOnAWideStream) {
+  EXPECT_EQ(pendrel_test::ErrorOutputOfChild("wide"),
+            pendrel_test::AsTextModeLines("middle\nafter 2\n"));
 }
 
 CResponse SampleResponse() {

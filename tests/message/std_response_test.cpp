@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <map>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -13,7 +12,7 @@ namespace {
 
 constexpr EStatus Status(int value) { return static_cast<EStatus>(value); }
 
-using ParamMap = std::map<std::wstring, std::wstring>;
+using ParamMap = CKeyValueMap;
 using pendrel_test::NumbersOf;
 using pendrel_test::ProgressNumbers;
 using pendrel_test::SetProgress;

@@ -1,7 +1,7 @@
 // What differs between the systems the tests run on, kept in one place: how a test names a
-// file of the build, which error number a pipe reports when its peer has gone, and setting an
-// environment variable for a while. One implementation per platform (Platform_posix.cpp,
-// Platform_win.cpp) beside the portable Platform.cpp.
+// file of the build, which error number a pipe reports when its peer has gone, how text-mode
+// files end their lines, and setting an environment variable for a while. One implementation per
+// platform (Platform_posix.cpp, Platform_win.cpp) beside the portable Platform.cpp.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +27,11 @@ std::uint32_t PeerGoneCode();
 // How std::abort() ends a process, as the handler client's CHandlerExit says it: {How, Code}
 // = {3 (Signaled), SIGABRT} on Linux, {2 (Exited), 3} on Windows.
 std::pair<int, int> AbortedProcessEnd();
+
+// What a C stream opened in text mode writes for "\n": "\r\n" on Windows, "\n" elsewhere.
+std::string TextModeLineEnd();
+// `text` as a text-mode stream writes it: every "\n" becomes TextModeLineEnd().
+std::string AsTextModeLines(std::string_view text);
 
 // The environment variable `name` of this process (UTF-8), nullopt when it is not set.
 std::optional<std::string> EnvironmentValue(const std::string& name);

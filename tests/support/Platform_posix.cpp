@@ -14,6 +14,8 @@ std::pair<int, int> AbortedProcessEnd() { return {3, SIGABRT}; }
 
 std::uint32_t PeerGoneCode() { return EPIPE; }
 
+std::string TextModeLineEnd() { return "\n"; }
+
 std::optional<std::string> EnvironmentValue(const std::string& name) {
   if (const char* value = std::getenv(name.c_str())) return std::string(value);
   return std::nullopt;

@@ -21,6 +21,8 @@ std::pair<int, int> AbortedProcessEnd() { return {2, 3}; }
 
 std::uint32_t PeerGoneCode() { return ERROR_BROKEN_PIPE; }
 
+std::string TextModeLineEnd() { return "\r\n"; }
+
 std::optional<std::string> EnvironmentValue(const std::string& name) {
   if (const wchar_t* value = ::_wgetenv(Pendrel::Utf8ToUtf16(name).c_str())) {
     return Pendrel::Utf16ToUtf8(value);

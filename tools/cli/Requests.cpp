@@ -1,6 +1,5 @@
 #include "tools/cli/Requests.h"
 
-#include <map>
 #include <utility>  // std::move
 #include <vector>
 
@@ -18,7 +17,7 @@ bool LooksLikeJsonObject(const std::string& text) {
   return first != std::string::npos && text[first] == '{';
 }
 
-void Store(const std::vector<CKeyValue>& pairs, std::map<std::wstring, std::wstring>& into) {
+void Store(const std::vector<CKeyValue>& pairs, Pendrel::CKeyValueMap& into) {
   for (const CKeyValue& pair : pairs) {
     into[UpperKey(WideFromUtf8(pair.Key))] = WideFromUtf8(pair.Value);
   }
