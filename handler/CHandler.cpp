@@ -31,6 +31,13 @@ std::wstring NextPipeName(detail::HandlerSettings& settings) {
   return name;
 }
 
+// A channel whose receive queue overflowed failed while no exchange waited; the next
+// exchange reports that failure (ChannelError with its text) instead of NotStarted.
+bool FailedByUnaskedMessages(const Pendrel::NamedPipeChannel& channel) {
+  return channel.Failure() == Pendrel::CChannelFailure{Pendrel::EChannelFailure::ReadFailed,
+                                                       Pendrel::kReceiveQueueFullCode};
+}
+
 }  // namespace
 
 CHandlerInfo::CHandlerInfo() = default;
@@ -125,7 +132,8 @@ Pendrel::CChannelFailure CHandler::GetChannelFailure() {
 
 EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response) {
   const std::shared_ptr<detail::Connection> connection = m_state->connection;
-  if (!connection || !connection->channel.IsConnected()) {
+  if (!connection ||
+      !(connection->channel.IsConnected() || FailedByUnaskedMessages(connection->channel))) {
     m_state->Fail(NotStarted);
     return NotStarted;
   }

@@ -100,6 +100,8 @@ TEST(PipeChannel, ServerEndAndClientEndExchangeMessagesInOrder) {
   const std::wstring name = UniquePipeName();
   NamedPipeChannel server;
   NamedPipeChannel client;
+  // Answers come before they are waited for: the server end keeps them all.
+  server.SetMaxQueuedMessages(20);
   ASSERT_TRUE(OpenBothEnds(server, client, name));
   EXPECT_TRUE(server.IsConnected());
   EXPECT_TRUE(client.IsConnected());
