@@ -255,6 +255,8 @@ bool NamedPipeChannel::Impl::AcceptClient(detail::PipeTransport& pipe) {
         break;
       case detail::EAcceptResult::TimedOut:
       case detail::EAcceptResult::Failed:
+        // The endpoint (and on Linux its files) goes before anybody learns of the failure.
+        pipe.Disconnect();
         return Fail(EChannelFailure::NoClient);
     }
   }
