@@ -3,6 +3,7 @@
 // than the server end's cap is refused instead of having its size adopted.
 #include <gtest/gtest.h>
 
+#include <algorithm>  // std::max
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -30,6 +31,24 @@ const CChannelFailure kPacketTooLarge{EChannelFailure::ReadFailed, Pendrel::kPac
 // Whether `server` holds `count` received messages within 5 s.
 bool HoldsMessages(const NamedPipeChannel& server, std::size_t count) {
   return pendrel_test::WaitFor([&] { return server.ReceivedCount() >= count; }, 5s);
+}
+
+// Whether `server` fails with a full receive queue, seen by its client as the pipe going,
+// within 5 s, having dropped what it held.
+testing::AssertionResult FailsWithFullQueue(const NamedPipeChannel& server, RawClient& client) {
+  if (!client.WaitForFailure(5s)) return testing::AssertionFailure() << "the pipe stayed";
+  if (!pendrel_test::WaitFor([&] { return server.HasError(); }, 5s)) {
+    return testing::AssertionFailure() << "no failure was set";
+  }
+  if (server.Failure() != kQueueFull) {
+    return testing::AssertionFailure()
+           << "another failure: " << static_cast<int>(server.Failure().Failure) << " #"
+           << server.Failure().Code;
+  }
+  if (server.ReceivedCount() != 0) {
+    return testing::AssertionFailure() << server.ReceivedCount() << " messages kept";
+  }
+  return testing::AssertionSuccess();
 }
 
 TEST(PipeReceiveLimits, HasItsDefaults) {
@@ -62,12 +81,8 @@ TEST(PipeReceiveLimits, OneMessagePastTheCountFailsTheChannelAndDropsTheQueue) {
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(client.WriteMessage(PatternBytes(100, i)));
-  // The server end lets go of the pipe when it fails.
-  ASSERT_TRUE(client.WaitForFailure(5s));
-  ASSERT_TRUE(pendrel_test::WaitFor([&] { return server.HasError(); }, 5s));
-  EXPECT_EQ(server.Failure(), kQueueFull);
+  ASSERT_TRUE(FailsWithFullQueue(server, client));
   EXPECT_EQ(server.ErrorText(), L"Ошибка чтения данных через NamedPipe (2) #1816\n");
-  EXPECT_EQ(server.ReceivedCount(), 0u);
   // The next wait reports the failure, never one of the dropped messages.
   std::string message;
   EXPECT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
@@ -83,10 +98,7 @@ TEST(PipeReceiveLimits, UnaskedBytesPastTheBoundFailTheChannel) {
   ASSERT_TRUE(HoldsMessages(server, 1));
   EXPECT_FALSE(server.HasError());
   client.WriteMessage(PatternBytes(60000, 2));
-  ASSERT_TRUE(client.WaitForFailure(5s));
-  ASSERT_TRUE(pendrel_test::WaitFor([&] { return server.HasError(); }, 5s));
-  EXPECT_EQ(server.Failure(), kQueueFull);
-  EXPECT_EQ(server.ReceivedCount(), 0u);
+  EXPECT_TRUE(FailsWithFullQueue(server, client));
 }
 
 TEST(PipeReceiveLimits, TheFirstMessageAfterAPostIsAskedFor) {
@@ -106,36 +118,38 @@ TEST(PipeReceiveLimits, TheFirstMessageAfterAPostIsAskedFor) {
   EXPECT_EQ(message, "answer");
   // ...a second one nobody asked for is not.
   client.WriteMessage("unasked");
-  ASSERT_TRUE(client.WaitForFailure(5s));
-  ASSERT_TRUE(pendrel_test::WaitFor([&] { return server.HasError(); }, 5s));
-  EXPECT_EQ(server.Failure(), kQueueFull);
+  EXPECT_TRUE(FailsWithFullQueue(server, client));
 }
 
-TEST(PipeReceiveLimits, ServerEndAdoptsLargerPacketsUpToItsCap) {
+// Packets of `bytes` from a client of a server end whose packet size is 32768 and whose cap
+// is 65536: taken and their size adopted up to the cap, refused past it.
+class PipePacketCap : public testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(PipePacketCap, AdoptsUpToTheCapAndRefusesPastIt) {
+  const std::uint32_t bytes = GetParam();
   NamedPipeChannel server;
   server.SetMaxPacketSize(65536);
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::string payload = PatternBytes(65536 - 8, 3);
-  ASSERT_TRUE(client.Write(ForgedPacket(0, 65536 - 8, payload, 65536)));
+  client.Write(ForgedPacket(0, 5, "hello", bytes));
   std::string message;
-  ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Message);
-  EXPECT_TRUE(message == payload);
-  EXPECT_EQ(server.PacketSize(), 65536u);
+  const EWaitResult result = server.WaitForMessage(message, 5s);
+  if (bytes <= 65536) {
+    ASSERT_EQ(result, EWaitResult::Message);
+    EXPECT_EQ(message, "hello");
+    EXPECT_EQ(server.PacketSize(), std::max(bytes, 32768u));
+  } else {
+    ASSERT_EQ(result, EWaitResult::Error);
+    EXPECT_EQ(server.Failure(), kPacketTooLarge);
+    EXPECT_EQ(server.ErrorText(), L"Ошибка чтения данных через NamedPipe (2) #122\n");
+    EXPECT_EQ(server.PacketSize(), 32768u) << "the refused size was adopted";
+  }
 }
 
-TEST(PipeReceiveLimits, ServerEndRefusesPacketPastItsCap) {
-  NamedPipeChannel server;
-  server.SetMaxPacketSize(65536);
-  RawClient client;
-  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  client.Write(ForgedPacket(0, 10, "0123456789", 65537));
-  std::string message;
-  ASSERT_EQ(server.WaitForMessage(message, 5s), EWaitResult::Error);
-  EXPECT_EQ(server.Failure(), kPacketTooLarge);
-  EXPECT_EQ(server.ErrorText(), L"Ошибка чтения данных через NamedPipe (2) #122\n");
-  EXPECT_EQ(server.PacketSize(), 32768u) << "the refused size was adopted";
-}
+INSTANTIATE_TEST_SUITE_P(Sizes, PipePacketCap, testing::Values(1000u, 65536u, 65537u, 200000u),
+                         [](const testing::TestParamInfo<std::uint32_t>& info) {
+                           return "Bytes" + std::to_string(info.param);
+                         });
 
 TEST(PipeReceiveLimits, CapNeverRefusesPacketsOfTheServersOwnSize) {
   NamedPipeChannel server;
