@@ -32,6 +32,13 @@ std::wstring NextPipeName(detail::HandlerSettings& settings) {
   return name;
 }
 
+// A channel whose receive queue overflowed failed while no exchange waited; the next
+// exchange reports that failure (ChannelError with its text) instead of NotStarted.
+bool FailedByUnaskedMessages(const Pendrel::NamedPipeChannel& channel) {
+  return channel.Failure() == Pendrel::CChannelFailure{Pendrel::EChannelFailure::ReadFailed,
+                                                       Pendrel::kReceiveQueueFullCode};
+}
+
 }  // namespace
 
 CHandlerInfo::CHandlerInfo() = default;
@@ -162,7 +169,8 @@ std::uint32_t CHandler::GetStartErrorNumber() { return m_state->startError; }
 EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response) {
   const std::shared_ptr<detail::Connection> connection = m_state->connection;
   if (connection) m_state->AdoptSharedFailure(*connection);
-  if (!connection || !connection->channel.IsConnected()) {
+  if (!connection ||
+      !(connection->channel.IsConnected() || FailedByUnaskedMessages(connection->channel))) {
     m_state->Fail(NotStarted);
     return NotStarted;
   }

@@ -160,7 +160,9 @@ class PENDREL_API CHandler {
 
   // Sends `request` as its JSON document and reads the answer into `response`. Returns
   // NotStarted (and makes it the last error) when the handler is not connected; else as
-  // the exchange: Ok, ChannelError, ResponseTimeout, BadResponse, or the earlier error.
+  // the exchange: Ok, ChannelError, ResponseTimeout, BadResponse, or the earlier error. A
+  // handler whose pipe failed because it sent more messages unasked than the host keeps
+  // gets ChannelError with that failure's text.
   EErrorCode HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response);
 
   // Queries. Each sends its command word and, on Ok, reads named values from the answer's

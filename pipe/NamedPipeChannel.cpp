@@ -86,7 +86,7 @@ std::uint32_t WirePacketSize(std::uint32_t packetSize) {
 
 // The largest packet worth receiving: one that could carry the largest message, but never
 // less than a packet of the current size.
-std::size_t MaxPacketSize(std::uint32_t wirePacketSize, std::uint64_t maxMessageSize) {
+std::size_t LargestCarryingPacket(std::uint32_t wirePacketSize, std::uint64_t maxMessageSize) {
   constexpr std::uint64_t kLimit = std::numeric_limits<std::uint32_t>::max();
   const std::uint64_t carrying = std::min(maxMessageSize, kLimit) + NamedPipeChannel::kHeaderSize;
   return static_cast<std::size_t>(
@@ -102,8 +102,17 @@ struct NamedPipeChannel::Impl {
   std::atomic<std::uint32_t> openTimeLimitMs{kDefaultOpenTimeLimitMs};
   std::atomic<std::uint64_t> maxMessageSize{kDefaultMaxMessageSize};
   std::atomic<std::uint32_t> expectedPid{0};
+  std::atomic<std::uint32_t> maxPacketSize{kDefaultMaxPacketSize};
+  std::atomic<std::size_t> maxQueuedMessages{kDefaultMaxQueuedMessages};
+  std::atomic<std::uint64_t> maxQueuedBytes{kDefaultMaxQueuedBytes};
 
   enum class EFlush { None, Requested, Done };
+
+  // A received message, and whether it arrived unasked (see NamedPipeChannel.h).
+  struct Received {
+    std::string text;
+    bool unasked = false;
+  };
 
   mutable std::mutex mutex;
   // Notified, under `mutex`, whenever anything below changes.
@@ -112,7 +121,12 @@ struct NamedPipeChannel::Impl {
   CChannelFailure failure;                      // guarded by mutex
   EFlush flush = EFlush::None;                  // guarded by mutex
   std::deque<std::string> sendQueue;            // guarded by mutex
-  std::deque<std::string> receiveQueue;         // guarded by mutex
+  std::deque<Received> receiveQueue;            // guarded by mutex
+  // Guarded by mutex: the unasked messages in receiveQueue, and their bytes.
+  std::size_t unaskedCount = 0;
+  std::uint64_t unaskedBytes = 0;
+  bool answerDue = false;    // guarded by mutex: a message was posted since the last arrived
+  std::size_t waiting = 0;   // guarded by mutex: WaitForMessage calls in progress
   bool writing = false;      // guarded by mutex: a message off the send queue is being written
   bool peerExited = false;   // guarded by mutex: the expected client's process has ended
   bool interrupted = false;  // guarded by mutex: InterruptWaits was called
@@ -139,8 +153,27 @@ struct NamedPipeChannel::Impl {
   CChannelFailure Receive(std::string_view packet, Transfer& transfer);
   bool TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
-  void Deliver(std::string message);
+  CChannelFailure Deliver(std::string message);
   void MessageWritten();
+
+  // Moves the oldest received message into `message`. Called under `mutex`, the queue not
+  // empty.
+  void TakeFrontLocked(std::string& message) {
+    Received& front = receiveQueue.front();
+    if (front.unasked) {
+      --unaskedCount;
+      unaskedBytes -= front.text.size();
+    }
+    message = std::move(front.text);
+    receiveQueue.pop_front();
+    changed.notify_all();
+  }
+  // Drops every received message. Called under `mutex`.
+  void DropReceivedLocked() {
+    std::deque<Received>().swap(receiveQueue);
+    unaskedCount = 0;
+    unaskedBytes = 0;
+  }
 
   // Sets the failure and moves to Failed (unless Close has already told the worker to end);
   // whoever sees the failure sees the channel disconnected. Returns false for the callers'
@@ -222,6 +255,8 @@ bool NamedPipeChannel::Impl::AcceptClient(detail::PipeTransport& pipe) {
         break;
       case detail::EAcceptResult::TimedOut:
       case detail::EAcceptResult::Failed:
+        // The endpoint (and on Linux its files) goes before anybody learns of the failure.
+        pipe.Disconnect();
         return Fail(EChannelFailure::NoClient);
     }
   }
@@ -245,10 +280,23 @@ void NamedPipeChannel::Impl::ReportFlush() {
   changed.notify_all();
 }
 
-void NamedPipeChannel::Impl::Deliver(std::string message) {
+// Queues a message that arrived whole; on a server end, a flood of unasked ones past the
+// bound fails the channel and frees what was queued.
+CChannelFailure NamedPipeChannel::Impl::Deliver(std::string message) {
   const std::lock_guard<std::mutex> lock(mutex);
-  receiveQueue.push_back(std::move(message));
+  const bool claimed =
+      std::exchange(answerDue, false) || end == EPipeEnd::Client || waiting > receiveQueue.size();
+  if (!claimed) {
+    ++unaskedCount;
+    unaskedBytes += message.size();
+  }
+  receiveQueue.push_back({std::move(message), !claimed});
   changed.notify_all();
+  if (unaskedCount > maxQueuedMessages.load() || unaskedBytes > maxQueuedBytes.load()) {
+    DropReceivedLocked();
+    return {EChannelFailure::ReadFailed, kReceiveQueueFullCode};
+  }
+  return {};
 }
 
 void NamedPipeChannel::Impl::MessageWritten() {
@@ -301,15 +349,15 @@ void NamedPipeChannel::Impl::SendNext(detail::PipeTransport& pipe, Transfer& tra
 
 // Adds one received packet to the message being read and delivers the message it completes.
 CChannelFailure NamedPipeChannel::Impl::Receive(std::string_view packet, Transfer& transfer) {
-  // A handler may use larger packets than ours; the server end adopts their size.
+  // A handler may use larger packets than ours; the server end adopts their size (the
+  // transport has refused packets past MaxPacketSize()).
   if (end == EPipeEnd::Server && packet.size() > packetSize) {
     packetSize = static_cast<std::uint32_t>(packet.size());
   }
   transfer.lastPacket = Clock::now();
   switch (transfer.assembler.Add(packet, WirePacketSize(packetSize), maxMessageSize)) {
     case MessageAssembler::EStep::Complete:
-      Deliver(transfer.assembler.TakeMessage());
-      break;
+      return Deliver(transfer.assembler.TakeMessage());
     case MessageAssembler::EStep::Partial:
       break;
     case MessageAssembler::EStep::Invalid:
@@ -334,9 +382,19 @@ void NamedPipeChannel::Impl::Exchange() {
     const milliseconds limit(timeLimitMs.load());
     SendNext(pipe, transfer, limit);
     const std::uint32_t wireSize = WirePacketSize(packetSize);
-    const detail::TransportEvents events =
-        pipe.Wait(transfer.WaitDeadline(limit, pipe.Sending()), wireSize,
-                  MaxPacketSize(wireSize, maxMessageSize));
+    const std::size_t carrying = LargestCarryingPacket(wireSize, maxMessageSize);
+    // A server end takes packets up to its cap, so that a client cannot make it adopt a
+    // size that every later message of the host would be padded to.
+    const std::size_t largest =
+        end == EPipeEnd::Server
+            ? std::min<std::size_t>(carrying, std::max(wireSize, maxPacketSize.load()))
+            : carrying;
+    detail::TransportEvents events =
+        pipe.Wait(transfer.WaitDeadline(limit, pipe.Sending()), wireSize, largest);
+    if (events.failure == ETransportFailure::Read && events.code == detail::kTooLargeCode &&
+        largest < carrying) {
+      events.code = kPacketTooLargeCode;
+    }
 
     // A packet that arrived is handled before a failure seen in the same wait, so that a
     // message sent just before the peer left is still delivered.
@@ -459,7 +517,8 @@ void NamedPipeChannel::Close() {
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.transport.reset();
   impl.sendQueue.clear();
-  impl.receiveQueue.clear();
+  impl.DropReceivedLocked();
+  impl.answerDue = false;
   impl.writing = false;
   impl.interrupted = false;
   impl.SetStateLocked(EChannelState::Closed);
@@ -469,6 +528,7 @@ bool NamedPipeChannel::Post(std::string message) {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.sendQueue.push_back(std::move(message));
+  impl.answerDue = true;
   impl.WakeWorkerLocked();
   return true;
 }
@@ -486,9 +546,7 @@ std::size_t NamedPipeChannel::ReceivedCount() const {
 bool NamedPipeChannel::TakeMessage(std::string& message) {
   const std::lock_guard<std::mutex> lock(m_impl->mutex);
   if (m_impl->receiveQueue.empty()) return false;
-  message = std::move(m_impl->receiveQueue.front());
-  m_impl->receiveQueue.pop_front();
-  m_impl->changed.notify_all();
+  m_impl->TakeFrontLocked(message);
   return true;
 }
 
@@ -503,12 +561,16 @@ EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds 
   const bool unlimited = timeout == milliseconds::max();
   const Deadline deadline = unlimited ? Deadline::max() : Clock::now() + timeout;
   std::unique_lock<std::mutex> lock(impl.mutex);
+  // Counted while it waits, so that what arrives meanwhile is claimed, not unasked.
+  ++impl.waiting;
+  struct Leave {
+    std::size_t& waiting;
+    ~Leave() { --waiting; }
+  } leave{impl.waiting};
   for (;;) {
     if (impl.interrupted) return EWaitResult::Interrupted;
     if (!impl.receiveQueue.empty()) {
-      message = std::move(impl.receiveQueue.front());
-      impl.receiveQueue.pop_front();
-      impl.changed.notify_all();
+      impl.TakeFrontLocked(message);
       return EWaitResult::Message;
     }
     if (impl.failure.Failure != EChannelFailure::None) return EWaitResult::Error;
@@ -609,6 +671,17 @@ void NamedPipeChannel::SetTimeLimitMs(std::uint32_t milliseconds) {
 
 std::uint32_t NamedPipeChannel::PacketSize() const { return m_impl->packetSize; }
 void NamedPipeChannel::SetPacketSize(std::uint32_t bytes) { m_impl->packetSize = bytes; }
+
+std::uint32_t NamedPipeChannel::MaxPacketSize() const { return m_impl->maxPacketSize; }
+void NamedPipeChannel::SetMaxPacketSize(std::uint32_t bytes) { m_impl->maxPacketSize = bytes; }
+
+std::size_t NamedPipeChannel::MaxQueuedMessages() const { return m_impl->maxQueuedMessages; }
+void NamedPipeChannel::SetMaxQueuedMessages(std::size_t count) {
+  m_impl->maxQueuedMessages = count;
+}
+
+std::uint64_t NamedPipeChannel::MaxQueuedBytes() const { return m_impl->maxQueuedBytes; }
+void NamedPipeChannel::SetMaxQueuedBytes(std::uint64_t bytes) { m_impl->maxQueuedBytes = bytes; }
 
 std::uint32_t NamedPipeChannel::OpenTimeLimitMs() const { return m_impl->openTimeLimitMs; }
 void NamedPipeChannel::SetOpenTimeLimitMs(std::uint32_t milliseconds) {

@@ -9,6 +9,17 @@
 // puts received packets back together. The worker sleeps in the operating system until data
 // arrives, a packet has gone out, or a caller posts, asks for a flush or closes.
 //
+// Received messages wait in the receive queue until somebody takes them. On a server end
+// (the library's, facing a handler program it does not trust) a message is asked for when it
+// is the first to arrive after a Post (the answer an exchange is about to wait for), or when
+// it arrives while more WaitForMessage calls wait than messages are queued; any other message
+// arrived unasked. Unasked messages are kept up to MaxQueuedMessages() messages and
+// MaxQueuedBytes() bytes in all, counted until they are taken; one more fails the channel
+// with ReadFailed and kReceiveQueueFullCode and drops the whole receive queue. So a handler
+// that floods an idle host makes it hold at most the bound, plus the one message being put
+// together (at most MaxMessageSize()). A client end keeps all it receives: its peer is the
+// host that started it, which may send several messages at once.
+//
 // The channel is in one state at a time (EChannelState). Failures are reported by a failure
 // code (ChannelFailure.h) and the error text made from it (wide, Russian, worded for the
 // host's logs); the worker then ends and nothing moves any more. Messages posted afterwards
@@ -67,6 +78,9 @@ class NamedPipeChannel {
   static constexpr std::uint64_t kDefaultMaxMessageSize = std::uint64_t{1} << 30;
   static constexpr std::uint32_t kMinPacketSize = protocol::kMinPacketSize;
   static constexpr std::uint32_t kHeaderSize = protocol::kPacketHeaderSize;
+  static constexpr std::uint32_t kDefaultMaxPacketSize = std::uint32_t{1} << 20;
+  static constexpr std::size_t kDefaultMaxQueuedMessages = 4;
+  static constexpr std::uint64_t kDefaultMaxQueuedBytes = std::uint64_t{64} << 20;
 
   NamedPipeChannel();
   // Closes the channel (see Close).
@@ -153,9 +167,22 @@ class NamedPipeChannel {
   // written, for the gap between two packets of one message, and for Close's drain.
   std::uint32_t TimeLimitMs() const;
   void SetTimeLimitMs(std::uint32_t milliseconds);
-  // Packet size; the server end raises it to the size of a larger packet a client sends.
+  // Packet size; the server end raises it to the size of a larger packet a client sends,
+  // up to MaxPacketSize().
   std::uint32_t PacketSize() const;
   void SetPacketSize(std::uint32_t bytes);
+  // Server end: the largest packet taken from a client (1 MiB by default; never less than the
+  // packet size). A larger packet is a read failure with kPacketTooLargeCode, and its size is
+  // not adopted.
+  std::uint32_t MaxPacketSize() const;
+  void SetMaxPacketSize(std::uint32_t bytes);
+  // Server end: the bound on messages that arrived unasked (see the top of this file): how
+  // many (4 by default) and how many bytes in all (64 MiB by default) the receive queue keeps
+  // of them.
+  std::size_t MaxQueuedMessages() const;
+  void SetMaxQueuedMessages(std::size_t count);
+  std::uint64_t MaxQueuedBytes() const;
+  void SetMaxQueuedBytes(std::uint64_t bytes);
   // How long Open and WaitForConnection wait for the connection.
   std::uint32_t OpenTimeLimitMs() const;
   void SetOpenTimeLimitMs(std::uint32_t milliseconds);

@@ -3,10 +3,10 @@
 // wake-up signal that lets another thread interrupt a wait at once.
 //
 // Windows uses the named pipe \\.\pipe\<name> in message mode with overlapped I/O; Linux an
-// AF_UNIX SOCK_SEQPACKET socket at $XDG_RUNTIME_DIR/pendrel/<name> (or /tmp/pendrel-<uid>/
-// <name>). Each platform's file (PipeTransport_win.cpp, PipeTransport_posix.cpp) defines the
-// class below; the build picks one. The framing, queues and time limits above it are
-// portable (pipe/NamedPipeChannel.cpp).
+// AF_UNIX SOCK_SEQPACKET socket in a private folder (PipeTransport_posix.cpp says which). Each
+// platform's file (PipeTransport_win.cpp, PipeTransport_posix.cpp) defines the class below; the
+// build picks one. The framing, queues and time limits above it are portable
+// (pipe/NamedPipeChannel.cpp).
 //
 // Thread rules: one thread (the channel's worker, or a test) drives a transport; Wake() alone
 // may be called from any thread at any time, also before Listen/Connect.
@@ -54,7 +54,8 @@ enum class EAcceptResult {
 };
 
 // The folder in which the server endpoints of this process live: the private socket folder
-// on Linux, \\.\pipe on Windows. What a handler is told to find its pipe in.
+// on Linux (made if needed, as Listen would), \\.\pipe on Windows. What a handler is told to
+// find its pipe in (PENDREL_PIPE_DIR). Any thread.
 std::wstring EndpointFolder();
 
 class PipeTransport {
@@ -74,7 +75,7 @@ class PipeTransport {
   // Server end, after Listen: waits for a client until `deadline`. A client of another
   // user, or one whose process id is not `expectedPid` (when non-zero), is disconnected
   // before any byte is exchanged and the wait goes on. Once a client is accepted, no other
-  // can connect.
+  // can connect, and the endpoint's files (Linux) are removed.
   EAcceptResult Accept(std::uint32_t expectedPid, base::Deadline deadline, std::uint32_t& error);
 
   // Client end: opens the endpoint `name` of a server of this user. Does not wait for a busy
@@ -96,7 +97,8 @@ class PipeTransport {
   std::string_view Packet() const;
 
   // Cancels and waits out pending I/O and closes the endpoint, so that the peer learns the
-  // channel is gone; the server end's socket file (Linux) is removed. Wake() stays usable.
+  // channel is gone; the server end's socket and lock files (Linux) are removed, if Accept has
+  // not removed them already. Wake() stays usable.
   void Disconnect();
 
   // Makes the current or next wait of the driving thread return. Any thread; never fails.

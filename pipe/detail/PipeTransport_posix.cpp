@@ -1,12 +1,18 @@
 // Linux transport: an AF_UNIX SOCK_SEQPACKET socket, which keeps packet boundaries the way a
-// Windows pipe in message mode does. The bare name N lives at $XDG_RUNTIME_DIR/pendrel/N, or
-// /tmp/pendrel-<uid>/N without that variable, so a handler needs only the name. The folder
-// belongs to the user and is closed to everybody else; that, and a check of the peer's
-// credentials, is what keeps other users out.
+// Windows pipe in message mode does. A server end puts the bare name N in its folder:
+// $XDG_RUNTIME_DIR/pendrel, or without that variable /tmp/pendrel-<uid>; when that one is not
+// a 0700 folder of this user (somebody else made it first), a fresh private folder made by
+// mkdtemp under $TMPDIR (or /tmp), once per process and removed when the process ends if it
+// is empty by then. EndpointFolder() names the folder in use, which the library passes to its
+// handlers as PENDREL_PIPE_DIR; a client end looks for N in $PENDREL_PIPE_DIR, else
+// $XDG_RUNTIME_DIR/pendrel, else /tmp/pendrel-<uid>. The folder belongs to the user and is
+// closed to everybody else; that, and a check of the peer's credentials, is what keeps other
+// users out.
 //
-// A lock file N.lock, held by the server end for its whole life, tells a live endpoint from
-// a socket file left behind by a process that died: the name stays taken after the one
-// client has connected and the listening socket is gone.
+// A lock file N.lock, held by the server end while it listens, tells a live endpoint from a
+// socket file left behind by a process that died. Once the expected client has connected,
+// and whenever the server end fails or closes, both files are removed: nothing on disk
+// outlives the wait for the connection.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -18,7 +24,8 @@
 
 #include <algorithm>  // std::max
 #include <cerrno>
-#include <cstdlib>  // std::getenv
+#include <cstdlib>  // std::getenv, mkdtemp
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +34,7 @@
 #include "base/UniqueFd.h"
 #include "json/TextConversion.h"
 #include "pipe/detail/PipeTransport.h"
+#include "pipe/detail/PipeTransport_posix.h"
 
 namespace Pendrel::detail {
 namespace {
@@ -43,24 +51,10 @@ struct EndpointPath {
   std::string lock;
 };
 
-std::string EndpointFolderPath() {
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/pendrel";
-  // Not std::to_string: its digit table would become an exported (GNU unique) symbol.
-  return FormatString("/tmp/pendrel-%u", static_cast<unsigned>(::geteuid()));
-}
-
-std::uint32_t MakeEndpointPath(std::wstring_view name, EndpointPath& path) {
-  const std::string bare = Utf16ToUtf8(name);
-  if (bare.empty() || bare == "." || bare == ".." ||
-      bare.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
-    return EINVAL;
-  }
-  path.folder = EndpointFolderPath();
-  path.socket = path.folder + "/" + bare;
-  path.lock = path.socket + ".lock";
-  if (path.socket.size() >= sizeof(sockaddr_un{}.sun_path)) return ENAMETOOLONG;
-  return 0;
+// An absolute path from the environment variable `variable`, or none.
+const char* AbsolutePathFrom(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr && value[0] == '/' ? value : nullptr;
 }
 
 // The folder must be a real folder (not a link) of this user that nobody else may enter;
@@ -73,6 +67,96 @@ std::uint32_t CheckPrivateFolder(const std::string& folder, bool create) {
   if (::lstat(folder.c_str(), &info) != 0) return LastError();
   if (!S_ISDIR(info.st_mode)) return ENOTDIR;
   if (info.st_uid != ::geteuid() || (info.st_mode & 077) != 0) return EACCES;
+  return 0;
+}
+
+// The folders of the fallback without XDG_RUNTIME_DIR, shared by every transport of the
+// process.
+class TempFolders {
+ public:
+  static TempFolders& Get() {
+    static TempFolders folders;
+    return folders;
+  }
+
+  // <root>/pendrel-<uid>, root being /tmp but in tests.
+  std::string Shared() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return SharedLocked();
+  }
+
+  // The shared folder, made if missing, when it is private to this user; else (or once that
+  // happened in this process) the fresh private folder.
+  std::uint32_t ForServer(std::string& folder) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_fresh.empty()) {
+      folder = SharedLocked();
+      if (CheckPrivateFolder(folder, true) == 0) return 0;
+      const char* base = AbsolutePathFrom("TMPDIR");
+      std::string pattern = (base != nullptr ? std::string(base) : m_root) +
+                            FormatString("/pendrel-%u-XXXXXX", static_cast<unsigned>(::geteuid()));
+      if (::mkdtemp(pattern.data()) == nullptr) return LastError();
+      m_fresh = std::move(pattern);
+    }
+    folder = m_fresh;
+    return CheckPrivateFolder(folder, false);
+  }
+
+  // Test seam: the root of the shared folder. Forgets a fresh folder made so far (removing
+  // it if empty).
+  void SetRoot(std::string root) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    RemoveFreshLocked();
+    m_root = std::move(root);
+  }
+
+ private:
+  TempFolders() = default;
+  // A fresh folder goes with the process once nothing is left in it.
+  ~TempFolders() { RemoveFreshLocked(); }
+
+  std::string SharedLocked() const {
+    // Not std::to_string: its digit table would become an exported (GNU unique) symbol.
+    return m_root + FormatString("/pendrel-%u", static_cast<unsigned>(::geteuid()));
+  }
+  void RemoveFreshLocked() {
+    if (!m_fresh.empty()) ::rmdir(m_fresh.c_str());
+    m_fresh.clear();
+  }
+
+  std::mutex m_mutex;
+  std::string m_root = "/tmp";  // guarded by m_mutex
+  std::string m_fresh;          // guarded by m_mutex: made by mkdtemp, or empty
+};
+
+// The folder of a server end's endpoints, made if needed and checked to be private.
+std::uint32_t ServerFolder(std::string& folder) {
+  if (const char* runtime = AbsolutePathFrom("XDG_RUNTIME_DIR")) {
+    folder = std::string(runtime) + "/pendrel";
+    return CheckPrivateFolder(folder, true);
+  }
+  return TempFolders::Get().ForServer(folder);
+}
+
+// The folder in which a client end looks for its server's endpoint.
+std::string ClientFolder() {
+  if (const char* told = AbsolutePathFrom("PENDREL_PIPE_DIR")) return told;
+  if (const char* runtime = AbsolutePathFrom("XDG_RUNTIME_DIR")) {
+    return std::string(runtime) + "/pendrel";
+  }
+  return TempFolders::Get().Shared();
+}
+
+std::uint32_t MakeEndpointPath(std::wstring_view name, std::string folder, EndpointPath& path) {
+  const std::string bare = Utf16ToUtf8(name);
+  if (bare.empty() || bare == "." || bare == ".." ||
+      bare.find_first_of(std::string_view("/\0", 2)) != std::string::npos) {
+    return EINVAL;
+  }
+  path.folder = std::move(folder);
+  path.socket = path.folder + "/" + bare;
+  path.lock = path.socket + ".lock";
+  if (path.socket.size() >= sizeof(sockaddr_un{}.sun_path)) return ENAMETOOLONG;
   return 0;
 }
 
@@ -135,6 +219,25 @@ struct PipeTransport::Impl {
   bool sendPending = false;  // `outgoing` waits for room in the socket
   bool sendDone = false;     // `outgoing` went out; reported by the next Wait
   std::uint32_t sendError = 0;
+
+  // Removes the server end's socket file and lock file, if it still has them.
+  void RemoveFiles() {
+    if (!socketPath.empty()) {
+      // Only our own socket file goes; a successor may have bound the name since.
+      struct stat info {};
+      if (::lstat(socketPath.c_str(), &info) == 0 && info.st_dev == socketDevice &&
+          info.st_ino == socketInode) {
+        ::unlink(socketPath.c_str());
+      }
+      socketPath.clear();
+    }
+    if (lockFile) {
+      // Removed while still held; see LockName for the server that opened it meanwhile.
+      ::unlink(lockPath.c_str());
+      lockFile.Reset();
+      lockPath.clear();
+    }
+  }
 
   void DrainWake() {
     eventfd_t ignored = 0;
@@ -208,9 +311,10 @@ PipeTransport::~PipeTransport() { Disconnect(); }
 std::uint32_t PipeTransport::Listen(std::wstring_view name) {
   Impl& impl = *m_impl;
   if (impl.wakeError != 0) return impl.wakeError;
+  std::string folder;
+  if (const std::uint32_t error = ServerFolder(folder)) return error;
   EndpointPath path;
-  if (const std::uint32_t error = MakeEndpointPath(name, path)) return error;
-  if (const std::uint32_t error = CheckPrivateFolder(path.folder, true)) return error;
+  if (const std::uint32_t error = MakeEndpointPath(name, std::move(folder), path)) return error;
 
   UniqueFd lock;
   if (const std::uint32_t error = LockName(path.lock, lock)) return error;
@@ -271,8 +375,10 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, base::Deadline de
         }
       } else if (PeerIsAcceptable(client.Get(), expectedPid)) {
         impl.connection = std::move(client);
-        // Nobody else gets in: later clients are refused at connect().
+        // Nobody else gets in: later clients are refused at connect(). The name has served
+        // its purpose; its files go now rather than when the connection ends.
         impl.listener.Reset();
+        impl.RemoveFiles();
         return EAcceptResult::Connected;
       }
       // A refused client is closed here, before any byte was exchanged.
@@ -285,7 +391,7 @@ std::uint32_t PipeTransport::Connect(std::wstring_view name) {
   Impl& impl = *m_impl;
   if (impl.wakeError != 0) return impl.wakeError;
   EndpointPath path;
-  if (const std::uint32_t error = MakeEndpointPath(name, path)) return error;
+  if (const std::uint32_t error = MakeEndpointPath(name, ClientFolder(), path)) return error;
   if (const std::uint32_t error = CheckPrivateFolder(path.folder, false)) return error;
   UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return LastError();
@@ -379,21 +485,7 @@ void PipeTransport::Disconnect() {
   impl.listener.Reset();
   impl.sendPending = false;
   impl.sendDone = false;
-  if (!impl.socketPath.empty()) {
-    // Only our own socket file goes; a successor may have bound the name since.
-    struct stat info {};
-    if (::lstat(impl.socketPath.c_str(), &info) == 0 && info.st_dev == impl.socketDevice &&
-        info.st_ino == impl.socketInode) {
-      ::unlink(impl.socketPath.c_str());
-    }
-    impl.socketPath.clear();
-  }
-  if (impl.lockFile) {
-    // Removed while still held; see LockName for the server that opened it meanwhile.
-    ::unlink(impl.lockPath.c_str());
-    impl.lockFile.Reset();
-    impl.lockPath.clear();
-  }
+  impl.RemoveFiles();
 }
 
 void PipeTransport::Wake() noexcept {
@@ -403,6 +495,12 @@ void PipeTransport::Wake() noexcept {
   }
 }
 
-std::wstring EndpointFolder() { return Utf8ToUtf16(EndpointFolderPath()); }
+std::wstring EndpointFolder() {
+  std::string folder;
+  ServerFolder(folder);
+  return Utf8ToUtf16(folder);
+}
+
+void SetTempFolderRootForTesting(std::string root) { TempFolders::Get().SetRoot(std::move(root)); }
 
 }  // namespace Pendrel::detail

@@ -244,6 +244,8 @@ TEST(HandlerKitPipe, AnswersMessagesPostedTogetherOneForOneInOrder) {
   kit.OnTaskInfo = [](const std::wstring& code) { return TaskInfoAnswer({code, L""}); };
   KitConversation conversation(kit);
   ASSERT_TRUE(conversation.Connected());
+  // The answers come before they are waited for: the host's end keeps them all.
+  conversation.Server().SetMaxQueuedMessages(20);
   for (int i = 0; i < 20; ++i) {
     conversation.Server().Post("RequestHandlerTaskInfo&TaskCode=" + std::to_string(i));
     if (i % 5 == 0) conversation.Server().Post("OnCloseSession");

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <fstream>
 #include <future>
 #include <string>
@@ -31,6 +32,9 @@ TEST(PipeProcesses, EchoesMessagesOfEverySizeInOrderBothWays) {
   ASSERT_TRUE(child.Started());
   NamedPipeChannel server;
   server.SetExpectedPeerProcessId(child.ProcessId());
+  // Echoes come before they are waited for: the server end keeps them all.
+  server.SetMaxQueuedMessages(100);
+  server.SetMaxQueuedBytes(std::uint64_t{1} << 30);
   ASSERT_TRUE(server.Open(name)) << Pendrel::Utf16ToUtf8(server.ErrorText());
 
   std::vector<std::string> messages;

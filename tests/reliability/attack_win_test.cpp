@@ -1,5 +1,7 @@
 // The pipe's security descriptor, read back from the system: a DACL (never a NULL one, which
-// would let everybody in) that grants the current user and SYSTEM, and nobody else.
+// would let everybody in) that grants the current user and SYSTEM, and nobody else. And the
+// packet size a handler can make the host adopt: Windows pipes carry packets of any size
+// (Linux sockets only up to their send buffer, see tests/pipe/endpoint_posix_test.cpp).
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
 #endif
@@ -12,7 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "pipe/ChannelFailure.h"
 #include "pipe/detail/PipeTransport.h"
+#include "tests/reliability/ReliabilitySupport.h"
 #include "tests/support/TestProcess.h"
 
 namespace {
@@ -92,6 +96,25 @@ TEST(PipeSecurity, DaclGrantsOnlyTheCurrentUserAndSystem) {
   EXPECT_TRUE(userGranted);
   EXPECT_TRUE(systemGranted);
   ::LocalFree(descriptor);
+}
+
+// A handler announcing 2 MiB packets is refused at its first one: the host does not adopt
+// the size, which every later message of the host would be padded to.
+TEST(HandlerPacketSizeCap, TwoMebibytePacketsAreRefused) {
+  pendrel_reliability::FaultHost host(L"--packet-size 2097152");
+  ASSERT_EQ(host.StartResult(), CTolvane::Ok) << host.ErrorMessage();
+  Pendrel::CResponse response;
+  EXPECT_EQ(host.handler.HandleRequest(pendrel_reliability::FileRequest(L"big", "x"), response),
+            CTolvane::ChannelError);
+  EXPECT_EQ(host.Failure(), pendrel_reliability::RefusedPacket(Pendrel::kPacketTooLargeCode))
+      << host.ErrorMessage();
+}
+
+// Up to 1 MiB the size is adopted and messages go both ways.
+TEST(HandlerPacketSizeCap, OneMebibytePacketsAreAdopted) {
+  pendrel_reliability::FaultHost host(L"--packet-size 1048576");
+  ASSERT_EQ(host.StartResult(), CTolvane::Ok) << host.ErrorMessage();
+  EXPECT_EQ(pendrel_reliability::EchoProblem(host.handler, L"big", std::string(3 << 20, 'b')), "");
 }
 
 }  // namespace

@@ -164,12 +164,12 @@ INSTANTIATE_TEST_SUITE_P(Sizes, HandlerPacketSize,
                            return "Bytes" + std::to_string(info.param);
                          });
 
-// Unrequested messages queue up and are taken as answers in order: answers are matched to
+// A few unrequested messages are kept and taken as answers in order: answers are matched to
 // requests by order alone. Nothing breaks, and what nobody read goes with the handler.
-TEST(HandlerFlood, UnrequestedMessagesAreTakenAsAnswersInOrder) {
+TEST(HandlerFlood, AFewUnrequestedMessagesAreTakenAsAnswersInOrder) {
   std::uint32_t pid = 0;
   {
-    FaultHost host(L"--flood 2000");
+    FaultHost host(L"--flood 3");
     ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
     pid = host.ProcessId();
     for (int k = 1; k <= 3; ++k) {
@@ -180,6 +180,29 @@ TEST(HandlerFlood, UnrequestedMessagesAreTakenAsAnswersInOrder) {
     EXPECT_EQ(host.handler.LastError(), Ok);
   }
   EXPECT_TRUE(ProcessGoneWithin(pid, 10s));
+}
+
+// A handler that floods an idle host with 300 unrequested 1 MiB messages: the host keeps no
+// more than its bound of them, drops the pipe, and the next request reports the failure
+// instead of taking one of them as its answer.
+TEST(HandlerFlood, FloodPastTheBoundFailsThePipeWithoutGrowingTheHost) {
+  const std::int64_t before = HeapBytesInUse();
+  ResetHeapPeak();
+  FaultHost host(L"--flood 300 --flood-bytes 1048576");
+  ASSERT_EQ(host.StartResult(), Ok) << host.ErrorMessage();
+  // The handler ends once its writes find the pipe closed.
+  ASSERT_TRUE(ProcessGoneWithin(host.ProcessId(), 30s)) << "the host took the whole flood";
+  if (HeapIsCounted()) {
+    // Four kept, one more that broke the bound, and one being put together.
+    EXPECT_LT(HeapPeakBytes() - before, 16 << 20);
+  }
+  Pendrel::CResponse response;
+  EXPECT_EQ(host.handler.HandleRequest(FileRequest(L"asked", "x"), response), ChannelError);
+  EXPECT_EQ(response.Parameters.count(L"Flood"), 0u);
+  EXPECT_EQ(host.Failure(), RefusedPacket(Pendrel::kReceiveQueueFullCode)) << host.ErrorMessage();
+  EXPECT_EQ(host.handler.GetResponseErrorMessage(),
+            L"Ошибка чтения данных через NamedPipe (2) #1816\n");
+  EXPECT_EQ(host.Received(), 0u) << "the request was sent after the failure";
 }
 
 // An answer nested a million levels deep is read without running out of stack, on the

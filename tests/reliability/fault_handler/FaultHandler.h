@@ -17,6 +17,7 @@
 //   --lifetime-ms N          ends the process with kExitLifetime N ms after it started
 //   --flood N                right after connecting, sends FloodAnswer(1) … FloodAnswer(N)
 //                            that nobody asked for
+//   --flood-bytes B          makes each of them B bytes long (blanks after the document)
 //   --deep-answer N          answers every message with a response whose parameter "deep"
 //                            is N nested arrays
 //   --stubborn               ignores SIGTERM, and stays after the pipe has closed until its
@@ -105,9 +106,12 @@ inline Pendrel::CResponse ChecksumAnswer(const Pendrel::CRequest& request,
   return response;
 }
 
-// The k-th unrequested message of --flood: a response with Parameters {"Flood": "<k>"}.
-inline std::string FloodAnswer(unsigned k) {
-  return "{\"status\":0,\"Parameters\":{\"Flood\":\"" + std::to_string(k) + "\"}}";
+// The k-th unrequested message of --flood: a response with Parameters {"Flood": "<k>"},
+// padded with blanks to `bytes` when it is shorter.
+inline std::string FloodAnswer(unsigned k, std::size_t bytes = 0) {
+  std::string text = "{\"status\":0,\"Parameters\":{\"Flood\":\"" + std::to_string(k) + "\"}}";
+  if (text.size() < bytes) text.resize(bytes, ' ');
+  return text;
 }
 
 #ifdef PENDREL_FAULT_HANDLER_PATH

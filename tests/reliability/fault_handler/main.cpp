@@ -47,6 +47,7 @@ struct Options {
   std::string pidFile;
   std::uint32_t lifetimeMs = kDefaultLifetimeMs;
   unsigned flood = 0;
+  std::size_t floodBytes = 0;
   std::optional<unsigned> deepAnswer;
   std::optional<std::uint64_t> answerBytes;
   std::optional<unsigned> crashAfterPackets;
@@ -131,6 +132,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       ok = ReadNumber(next, options.lifetimeMs);
     } else if (argument == "--flood") {
       ok = ReadNumber(next, options.flood);
+    } else if (argument == "--flood-bytes") {
+      ok = ReadNumber(next, options.floodBytes);
     } else if (argument == "--deep-answer") {
       ok = ReadNumber(next, options.deepAnswer);
     } else if (argument == "--answer-bytes") {
@@ -237,7 +240,7 @@ int Serve(const Options& options) {
   PacketPipe pipe(options.packetSize);
   if (!pipe.Connect(options.pipeName, kConnectTime)) return kExitNoConnection;
   for (unsigned k = 1; k <= options.flood; ++k) {
-    if (!pipe.WriteMessage(FloodAnswer(k))) return kExitNormal;
+    if (!pipe.WriteMessage(FloodAnswer(k, options.floodBytes))) return kExitNormal;
   }
   std::string message;
   while (pipe.ReadMessage(message)) {
