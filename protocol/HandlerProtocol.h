@@ -89,6 +89,10 @@ constexpr std::wstring_view StartArgumentPrefix(EStartArgument argument) {
 // The value the library always passes after "_EX_=".
 inline constexpr int kExValue = 2;
 
+// The environment variable that tells a handler the folder its pipe lives in (Linux: the
+// socket folder; Windows: \\.\pipe). Always set by the library.
+inline constexpr char kPipeFolderVariable[] = "PENDREL_PIPE_DIR";
+
 // --- Messages -----------------------------------------------------------------------------
 // The command words, and what each one's answer carries.
 #define PENDREL_PROTOCOL_COMMANDS(X)                                                     \

@@ -21,11 +21,12 @@
 #include <vector>
 
 #include "handler/CHandler.h"
+#include "protocol/HandlerProtocol.h"
 
 namespace CTolvane::detail {
 
 // The name of the environment variable that tells a handler the folder of its pipe.
-inline constexpr char kPipeFolderVariable[] = "PENDREL_PIPE_DIR";
+using Pendrel::protocol::kPipeFolderVariable;
 
 // How a child is started beyond its command line.
 struct ChildOptions {

@@ -35,6 +35,7 @@
 #include "json/TextConversion.h"
 #include "pipe/detail/PipeTransport.h"
 #include "pipe/detail/PipeTransport_posix.h"
+#include "protocol/HandlerProtocol.h"
 
 namespace Pendrel::detail {
 namespace {
@@ -140,7 +141,7 @@ std::uint32_t ServerFolder(std::string& folder) {
 
 // The folder in which a client end looks for its server's endpoint.
 std::string ClientFolder() {
-  if (const char* told = AbsolutePathFrom("PENDREL_PIPE_DIR")) return told;
+  if (const char* told = AbsolutePathFrom(protocol::kPipeFolderVariable)) return told;
   if (const char* runtime = AbsolutePathFrom("XDG_RUNTIME_DIR")) {
     return std::string(runtime) + "/pendrel";
   }
