@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "pipe/detail/PacketFraming.h"
 #include "base/Deadline.h"
+#include "pipe/detail/PacketFraming.h"
 #include "pipe/detail/PipeTransport.h"
 
 namespace pendrel_test {
