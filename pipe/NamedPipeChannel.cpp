@@ -151,7 +151,7 @@ struct NamedPipeChannel::Impl {
   void Exchange();
   void SendNext(detail::PipeTransport& pipe, Transfer& transfer, milliseconds limit);
   CChannelFailure Receive(std::string_view packet, Transfer& transfer);
-  bool TakeNextMessage(PacketWriter& writer);
+  void TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
   CChannelFailure Deliver(std::string message);
   void MessageWritten();
@@ -262,14 +262,13 @@ bool NamedPipeChannel::Impl::AcceptClient(detail::PipeTransport& pipe) {
   }
 }
 
-// Takes the next queued message into `writer`; false when there is none.
-bool NamedPipeChannel::Impl::TakeNextMessage(PacketWriter& writer) {
+// Takes the next queued message, if any, into `writer`.
+void NamedPipeChannel::Impl::TakeNextMessage(PacketWriter& writer) {
   const std::lock_guard<std::mutex> lock(mutex);
-  if (sendQueue.empty()) return false;
+  if (sendQueue.empty()) return;
   writer.Begin(std::move(sendQueue.front()), WirePacketSize(packetSize));
   sendQueue.pop_front();
   writing = true;
-  return true;
 }
 
 // Flushed means: everything posted before the request has been written whole.
