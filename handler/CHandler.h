@@ -153,6 +153,10 @@ class PENDREL_API CHandler {
   // it was sent. Owner's thread, like Start.
   CHandlerExit Stop(std::uint32_t waitMs);
 
+  // The system's process id of the last Start's process while this object holds it; 0 when
+  // none was started. Any thread.
+  std::uint32_t GetProcessId();
+
   // The system's error number (errno, GetLastError()) that made the last Start fail: the
   // program could not be started (LaunchFailed) or its pipe could not be made (OpenFailed);
   // 0 when Start succeeded, failed otherwise or was not called. Any thread.

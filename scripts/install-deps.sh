@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing pendrel needs, if any is missing:
-# the native toolchain, GoogleTest, the MinGW-w64 cross compiler and Wine, and Clang's
-# sanitizer and libFuzzer runtimes. Packages named as arguments are installed besides
+# the native toolchain, GoogleTest, the MinGW-w64 cross compiler and Wine, Clang's
+# sanitizer and libFuzzer runtimes, the libraries of the programs around the library (the
+# HTTP server, configuration, strict JSON, MIME) and the clients and peers their tests use. Packages named as arguments are installed besides
 # (scripts/bench.sh adds the benchmarks' peer libraries that way).
 #
 #   scripts/install-deps.sh [package...]
@@ -13,6 +14,8 @@ packages=(
   libgtest-dev googletest libbenchmark-dev
   g++-mingw-w64-x86-64-posix wine64
   python3
+  libboost1.81-dev libboost-url1.81-dev libtomlplusplus-dev libgmime-3.0-dev
+  nlohmann-json3-dev pkg-config curl nginx-light
   "$@"
 )
 
