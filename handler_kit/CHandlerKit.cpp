@@ -7,6 +7,7 @@
 #include <deque>
 #include <exception>
 #include <mutex>
+#include <system_error>  // std::system_category
 #include <thread>
 #include <utility>
 
@@ -30,7 +31,28 @@ Pendrel::CResponse FailureAnswer(const char* what) {
   return Pendrel::CResponse(std::move(message));
 }
 
+// Writes `line` and a line end to `stream` (nothing when it is null), at once.
+void Say(std::FILE* stream, const std::string& line) {
+  if (stream == nullptr) return;
+  std::fputs((line + "\n").c_str(), stream);
+  std::fflush(stream);
+}
+
 }  // namespace
+
+std::string NoConnectionText(const std::wstring& pipeName, std::uint32_t connectTimeMs,
+                             const Pendrel::CChannelFailure& failure) {
+  std::string text = "pendrel handler: cannot connect to the pipe \"" +
+                     Pendrel::Utf16ToUtf8(pipeName) + "\" of its host within " +
+                     std::to_string(connectTimeMs) + " ms";
+  if (failure.Failure == Pendrel::EChannelFailure::OpenFailed && failure.Code != 0) {
+    text += ": " + std::system_category().message(static_cast<int>(failure.Code));
+  }
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == '.')) {
+    text.pop_back();
+  }
+  return text + " (is the host still running? A handler is started by its host, e.g. pendrel)";
+}
 
 struct CHandlerKit::Impl {
   Pendrel::NamedPipeChannel channel;
@@ -119,6 +141,9 @@ int CHandlerKit::Run(const CHandlerArguments& arguments) {
   Impl& impl = *m_impl;
   if (impl.StopRequested()) return kExitPipeClosed;
   if (!impl.Connect(arguments.PipeName, std::chrono::milliseconds(ConnectTimeMs))) {
+    if (!impl.StopRequested()) {
+      Say(Diagnostics, NoConnectionText(arguments.PipeName, ConnectTimeMs, impl.channel.Failure()));
+    }
     impl.SetLastErrorText(impl.channel.TakeErrorText());
     impl.channel.Close();
     return impl.StopRequested() ? kExitPipeClosed : kExitNoConnection;
@@ -154,13 +179,22 @@ int CHandlerKit::Run(const CHandlerArguments& arguments) {
 
 int CHandlerKit::Run(int argc, char** argv) {
   CHandlerArguments arguments;
-  if (ParseArguments(argc, argv, arguments) != EArgumentError::None) return kExitBadArguments;
+  const EArgumentError error = ParseArguments(argc, argv, arguments);
+  if (error != EArgumentError::None) {
+    Say(Diagnostics, StartedByHandText(argc > 0 && argv[0] ? argv[0] : "", error));
+    return kExitBadArguments;
+  }
   return Run(arguments);
 }
 
 int CHandlerKit::Run(int argc, wchar_t** argv) {
   CHandlerArguments arguments;
-  if (ParseArguments(argc, argv, arguments) != EArgumentError::None) return kExitBadArguments;
+  const EArgumentError error = ParseArguments(argc, argv, arguments);
+  if (error != EArgumentError::None) {
+    const std::wstring program = argc > 0 && argv[0] ? argv[0] : L"";
+    Say(Diagnostics, StartedByHandText(Pendrel::Utf16ToUtf8(program), error));
+    return kExitBadArguments;
+  }
   return Run(arguments);
 }
 

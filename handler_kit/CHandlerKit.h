@@ -36,6 +36,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -45,6 +46,7 @@
 #include "handler_kit/HandlerMessages.h"
 #include "message/CRequest.h"
 #include "message/CResponse.h"
+#include "pipe/ChannelFailure.h"
 
 namespace PendrelKit {
 
@@ -62,6 +64,12 @@ enum class EMessageAction {
   Consumed,  // the kit does nothing more with it; OnMessage has posted an answer, or none
 };
 
+// The line (without its line end) that Run writes to Diagnostics when it could not connect
+// to `pipeName` within `connectTimeMs`, the channel having failed with `failure`: which pipe,
+// the system's reason where there is one, and that a host starts a handler.
+std::string NoConnectionText(const std::wstring& pipeName, std::uint32_t connectTimeMs,
+                             const Pendrel::CChannelFailure& failure);
+
 class CHandlerKit {
  public:
   // What the default answers say.
@@ -77,6 +85,10 @@ class CHandlerKit {
   // running then is not coming back: the kit ends the process (kExitCallbackOverran), so
   // that a stuck handler does not outlive its host's interest in it.
   std::uint32_t CloseGracePeriodMs = 5000;
+  // Where Run writes the one line that says why it ends without serving: a command line it
+  // refused (Run(argc, argv): StartedByHandText) or a pipe it could not connect to. Standard
+  // error by default (a handler's standard output may be its host's); nullptr for none.
+  std::FILE* Diagnostics = stderr;
 
   // Called once the pipe is open, before the first message is taken.
   std::function<void()> OnConnected;

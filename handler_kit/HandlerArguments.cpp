@@ -113,4 +113,15 @@ EArgumentError ParseArguments(int argc, wchar_t** argv, CHandlerArguments& resul
 
 std::vector<std::wstring> ProcessArguments() { return detail::ReadProcessArguments(); }
 
+std::string StartedByHandText(const std::string& program, EArgumentError error) {
+  const std::string name = program.empty() ? std::string("handler") : program;
+  // A path with blanks is quoted, so that the suggested command can be pasted as it stands.
+  const std::string quoted =
+      name.find_first_of(" \t") == std::string::npos ? name : "\"" + name + "\"";
+  return name + ": " + ArgumentErrorText(error) +
+         ". This is a pendrel handler: a host starts it and names the pipe to connect to "
+         "(_MN_=). To run it by hand: pendrel call " +
+         quoted + " --command WORD";
+}
+
 }  // namespace PendrelKit

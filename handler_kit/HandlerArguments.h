@@ -35,6 +35,13 @@ enum class EArgumentError {
 // A short English text for `error` ("" for None), for a handler's own diagnostics.
 const char* ArgumentErrorText(EArgumentError error);
 
+// The line (without its line end) that a handler whose command line was refused with `error`
+// prints for a person who started it by hand: what is wrong, that a host starts it, and how
+// to run it with pendrel. `program` is the handler's path as it was started (argv[0]), UTF-8.
+//   <program>: <ArgumentErrorText>. This is a pendrel handler: a host starts it and names the
+//   pipe to connect to (_MN_=). To run it by hand: pendrel call <program> --command WORD
+std::string StartedByHandText(const std::string& program, EArgumentError error);
+
 // Reads `arguments`, whose first element is the program's path (skipped; an empty vector is
 // a command line without arguments). The first argument that starts with "_MN_=", "_DM_="
 // or "_EX_=" sets that value, wherever it stands; a later one with the same start is an

@@ -44,12 +44,17 @@ int main() {
   PendrelKit::CHandlerArguments arguments;
   const PendrelKit::EArgumentError error =
       PendrelKit::ParseArguments(PendrelKit::ProcessArguments(), arguments);
+  if (error != PendrelKit::EArgumentError::None) {
+    // Standard error only: a handler's standard output may be its host's.
+    const std::vector<std::wstring> all = PendrelKit::ProcessArguments();
+    const std::string program = all.empty() ? "pendrel-text-stats" : TextStats::Utf8(all[0]);
+    std::fprintf(stderr, "%s\n", PendrelKit::StartedByHandText(program, error).c_str());
+    return PendrelKit::kExitBadArguments;
+  }
   std::string problem;
-  if (error != PendrelKit::EArgumentError::None) problem = PendrelKit::ArgumentErrorText(error);
   std::uint64_t maxBytes = TextStats::kDefaultMaxInputBytes;
   if (problem.empty()) ReadExtraArguments(arguments.ExtraArguments, maxBytes, problem);
   if (!problem.empty()) {
-    // Standard error only: a handler's standard output may be its host's.
     std::fprintf(stderr, "pendrel-text-stats: %s\n", problem.c_str());
     return PendrelKit::kExitBadArguments;
   }

@@ -14,7 +14,8 @@ namespace PendrelCli {
 std::vector<std::string> ProgramArguments(int argc, char** argv);
 
 // Makes standard input, output and error pass bytes unchanged, so that every platform writes
-// the same bytes (Windows would otherwise turn "\n" into "\r\n"). Call once, first.
+// the same bytes (Windows would otherwise turn "\n" into "\r\n"), and makes a write to a
+// closed pipe fail with an error instead of ending the program (Linux). Call once, first.
 void PrepareStandardStreams();
 
 }  // namespace PendrelCli

@@ -30,6 +30,19 @@ bool ReadWholeFile(const std::string& path, std::string& data) {
   return !in.bad();
 }
 
+std::string ReadErrorText(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::file_status status = std::filesystem::status(PathOf(path), error);
+  if (status.type() == std::filesystem::file_type::not_found) return "there is no such file";
+  if (status.type() == std::filesystem::file_type::directory) return "it is a folder";
+  return "it cannot be read";
+}
+
+bool IsFolder(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::is_directory(PathOf(path), error);
+}
+
 bool WriteWholeFile(const std::string& folder, const std::string& name, std::string_view data) {
   std::ofstream out(PathOf(folder) / PathOf(name), std::ios::binary | std::ios::trunc);
   out.write(data.data(), static_cast<std::streamsize>(data.size()));

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include "tools/cli/ExitCodes.h"
+
 namespace PendrelCli {
 namespace {
 
@@ -23,6 +25,9 @@ enum class EOption {
   Timeout,
   Output,
   Save,
+  Fail,
+  Quiet,
+  Verbose,
   Help,
 };
 
@@ -53,7 +58,7 @@ constexpr COptionRow kOptions[] = {
      "a command parameter (CommandParams); the key is stored in upper case; repeatable"},
     {EOption::File, "--file", "PATH", kRequesting, EGroup::Request,
      "an input file (InputData), typed by its extension (.csv, .json, .txt, ...; others are "
-     "binary); repeatable"},
+     "binary); repeatable; not - (a file needs a name: save standard input first)"},
     {EOption::Request, "--request", "FILE", kRequesting, EGroup::Request,
      "start from the request JSON document in FILE (- reads standard input); the options "
      "above then change it: --command and --attribute replace, --param and --cparam add or "
@@ -80,6 +85,13 @@ constexpr COptionRow kOptions[] = {
      "files; http: its HTTP header lines, a blank line and the body, byte for byte"},
     {EOption::Save, "--save", "DIR", kRequesting, EGroup::Output,
      "also write the response's files into DIR, created if missing, each under its file name"},
+    {EOption::Fail, "--fail", nullptr, kRequesting, EGroup::Output,
+     "exit with status 1 when the response has the error status 3 (it is still printed)"},
+    {EOption::Quiet, "--quiet", nullptr, kEvery, EGroup::Output,
+     "print no progress line and no notes on standard error, only errors (also -q)"},
+    {EOption::Verbose, "--verbose", nullptr, kEvery, EGroup::Output,
+     "also print on standard error each message exchanged (its size and first 1 KiB) and the "
+     "library's own error texts (also -v)"},
     {EOption::Help, "--help", nullptr, kEvery, EGroup::Output, "print this help (also -h)"},
 };
 
@@ -151,14 +163,6 @@ constexpr const char* kHandlerOperand =
     "HANDLER is the handler program; a name without a folder is looked for the way the system "
     "finds programs (PATH).";
 
-constexpr const char* kExitStatus =
-    "Exit status: 0 when the handler answered (whatever the response's own status); 1 to 5 "
-    "when the handler failed, the handler client's error code (1 the pipe failed, 2 no answer "
-    "in time, 3 the answer could not be read, 4 not started, 5 the handler could not be "
-    "started or did not connect), printed with the pipe's error text; 64 for a wrong command "
-    "line; 65 when a --request document is not a JSON object; 66 when an input file cannot be "
-    "read; 73 when a file of --save cannot be written.";
-
 constexpr std::size_t kWidth = 80;  // a terminal's width
 constexpr std::size_t kOptionColumn = 24;
 
@@ -178,6 +182,8 @@ const CCommandRow& CommandRow(ECommand command) {
 
 const COptionRow* FindOption(std::string_view name) {
   if (name == "-h") name = "--help";
+  if (name == "-q") name = "--quiet";
+  if (name == "-v") name = "--verbose";
   for (const COptionRow& row : kOptions) {
     if (name == row.Name) return &row;
   }
@@ -202,6 +208,17 @@ void AppendWrapped(std::string& out, std::string_view text, std::size_t column,
     while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
     if (!text.empty()) out.append(indent, ' ');
     column = indent;
+  }
+}
+
+// The table of exit statuses, from the table the program itself returns by.
+void AppendExitStatuses(std::string& out) {
+  out += "Exit status:\n";
+  for (const CExitStatusRow& row : kExitStatuses) {
+    std::string head = std::string("  ") + row.Status;
+    head.append(8 - head.size(), ' ');
+    out += head;
+    AppendWrapped(out, row.Meaning, head.size(), head.size());
   }
 }
 
@@ -248,7 +265,7 @@ std::string OverviewText() {
   AppendWrapped(out, kHandlerOperand, 0, 0);
   AppendWrapped(out, "Run 'pendrel COMMAND --help' for a command's operands and options.", 0, 0);
   out += '\n';
-  AppendWrapped(out, kExitStatus, 0, 0);
+  AppendExitStatuses(out);
   return out;
 }
 
@@ -267,7 +284,7 @@ std::string CommandHelpText(const CCommandRow& row) {
     }
   }
   out += '\n';
-  AppendWrapped(out, kExitStatus, 0, 0);
+  AppendExitStatuses(out);
   return out;
 }
 
@@ -319,6 +336,11 @@ std::string Apply(const COptionRow& option, const std::string& value, CCliOption
     case EOption::CParam:
       return ReadKeyValue(option, value, options.CommandParams);
     case EOption::File:
+      if (value == "-") {
+        return "--file takes a file, not - (standard input has no file name: save it to a file "
+               "first, or give a whole request with --request -)";
+      }
+      if (value.empty()) return "--file takes a file name";
       options.Files.push_back(value);
       break;
     case EOption::Request:
@@ -371,6 +393,15 @@ std::string Apply(const COptionRow& option, const std::string& value, CCliOption
     case EOption::Save:
       if (value.empty()) return "--save takes a folder";
       options.SaveFolder = value;
+      break;
+    case EOption::Fail:
+      options.Fail = true;
+      break;
+    case EOption::Quiet:
+      options.Quiet = true;
+      break;
+    case EOption::Verbose:
+      options.Verbose = true;
       break;
     case EOption::Help:
       options.ShowHelp = true;

@@ -42,6 +42,9 @@ struct CCliOptions {
   int TimeoutS = 120;
 
   EOutputForm Output = EOutputForm::Json;
+  bool Fail = false;       // --fail
+  bool Quiet = false;      // --quiet
+  bool Verbose = false;    // --verbose
   std::string SaveFolder;  // empty: the files are not written out
 
   // The request of call and session.

@@ -5,17 +5,11 @@
 
 #include "tools/cli/ExitCodes.h"
 #include "tools/cli/Files.h"
+#include "tools/cli/RequestDocument.h"
 #include "tools/cli/Text.h"
 
 namespace PendrelCli {
 namespace {
-
-// CRequest::FromJsonString reads anything, text that is not JSON as an empty request; the
-// command line refuses what cannot be a request document at all.
-bool LooksLikeJsonObject(const std::string& text) {
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  return first != std::string::npos && text[first] == '{';
-}
 
 void Store(const std::vector<CKeyValue>& pairs, Pendrel::CKeyValueMap& into) {
   for (const CKeyValue& pair : pairs) {
@@ -40,10 +34,19 @@ CRequestResult BuildRequest(const CCliOptions& options, Pendrel::CRequest& reque
   if (!options.RequestFile.empty()) {
     std::string document;
     if (!ReadWholeFile(options.RequestFile, document)) {
-      return {kExitNoInput, "cannot read the request document \"" + options.RequestFile + "\""};
+      return {kExitNoInput, "cannot read the request document \"" + options.RequestFile +
+                                "\": " + ReadErrorText(options.RequestFile)};
     }
-    if (!LooksLikeJsonObject(document) || !request.FromJsonString(document)) {
-      return {kExitDataError, "\"" + options.RequestFile + "\" is not a request's JSON document"};
+    // CRequest::FromJsonString reads anything, text that is not JSON as an empty request: the
+    // document is checked strictly first.
+    const std::string problem = CheckRequestDocument(document);
+    if (!problem.empty()) {
+      return {kExitDataError,
+              "the request document \"" + options.RequestFile + "\" is not valid: " + problem};
+    }
+    if (!request.FromJsonString(document)) {
+      return {kExitDataError, "the request document \"" + options.RequestFile +
+                                  "\" is not a request's JSON document"};
     }
   }
   if (options.CommandWord) request.Command = WideFromUtf8(*options.CommandWord);
@@ -52,7 +55,9 @@ CRequestResult BuildRequest(const CCliOptions& options, Pendrel::CRequest& reque
   Store(options.CommandParams, request.CommandParams);
   for (const std::string& path : options.Files) {
     Pendrel::CMimeFile file;
-    if (!LoadInputFile(path, file)) return {kExitNoInput, "cannot read the file \"" + path + "\""};
+    if (!LoadInputFile(path, file)) {
+      return {kExitNoInput, "cannot read the file \"" + path + "\": " + ReadErrorText(path)};
+    }
     request.InputData.push_back(std::move(file));
   }
   return {};
