@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>  // std::strlen
 #include <filesystem>
 #include <fstream>
 #include <iterator>  // std::istreambuf_iterator
@@ -94,11 +95,11 @@ struct CCommandHelpCase {
 };
 
 TEST(CliHelp, EachCommandListsExactlyItsOptions) {
-  const std::vector<const char*> handlerOptions = {"--mode N", "--args TEXT", "--timeout S",
-                                                   "--output FORM", "--help"};
+  const std::vector<const char*> handlerOptions = {
+      "--mode N", "--args TEXT", "--timeout S", "--output FORM", "--quiet", "--verbose", "--help"};
   const std::vector<const char*> requestOptions = {
       "--command WORD", "--attribute TEXT", "--param KEY=VALUE", "--cparam KEY=VALUE",
-      "--file PATH",    "--request FILE",   "--save DIR"};
+      "--file PATH",    "--request FILE",   "--save DIR",        "--fail"};
   const std::vector<const char*> sessionOptions = {"--task-id ID", "--handler-code CODE",
                                                    "--task-code CODE", "--log-file NAME",
                                                    "--task-timeout S"};
@@ -129,6 +130,22 @@ TEST(CliHelp, EachCommandListsExactlyItsOptions) {
     // --help wins over whatever else the line holds.
     EXPECT_EQ(Pendrel({test.Command, "--bogus", "-h"}).Out, run.Out) << test.Command;
   }
+}
+
+TEST(CliHelp, EveryHelpTabulatesTheExitStatuses) {
+  for (const char* command : {"call", "info", "task", "session"}) {
+    const std::string help = Pendrel({command, "--help"}).Out;
+    for (const char* status : {"0", "1", "64", "65", "66", "69", "70", "73", "74", "75"}) {
+      EXPECT_NE(
+          help.find(std::string("\n  ") + status + std::string(8 - 2 - std::strlen(status), ' ')),
+          std::string::npos)
+          << command << " " << status << "\n"
+          << help;
+    }
+    EXPECT_NE(help.find("\n  128+N pendrel was stopped by signal N"), std::string::npos) << help;
+  }
+  EXPECT_NE(Pendrel({"--help"}).Out.find("\nExit status:\n  0     the handler answered"),
+            std::string::npos);
 }
 
 TEST(CliHelp, VersionNamesTheRecordInterface) {
@@ -280,19 +297,57 @@ TEST(CliCall, ReadsTheRequestFromStandardInput) {
                      "\n");
 }
 
-TEST(CliCall, RefusesARequestDocumentThatIsNoJsonObject) {
-  const CProgramRun run = Pendrel({"call", TestHandler(), "--request", "-"}, "PING");
-  EXPECT_EQ(run.ExitCode, 65);
-  EXPECT_EQ(run.Out, "");
-  EXPECT_EQ(run.Err, "pendrel: \"-\" is not a request's JSON document\n");
+struct CBadDocumentCase {
+  const char* Name;
+  std::string Document;
+  std::string Error;  // after "pendrel: the request document \"-\" is not valid: "
+};
+
+TEST(CliCall, RefusesARequestDocumentThatIsNotStrictlyAJsonObjectWithWhere) {
+  const CBadDocumentCase cases[] = {
+      {"not JSON", "PING",
+       "line 1, column 1: syntax error while parsing value - invalid literal; last read: 'P'"},
+      {"truncated", "{\"Command\":\"STATS\",",
+       "line 1, column 20: syntax error while parsing object key - unexpected end of input; "
+       "expected string literal"},
+      {"trailing text", "{\"Command\":\"STATS\"}\n x",
+       "line 2, column 2: syntax error while parsing value - invalid literal; last read: "
+       "'\"STATS\"}<U+000A> x'; expected end of input"},
+      {"byte order mark", "\xEF\xBB\xBF{\"Command\":\"STATS\"}",
+       "line 1, column 1: the document starts with a byte order mark (BOM)"},
+      {"invalid UTF-8", "{\"Command\":\"ST\xFF\"}",
+       "line 1, column 15: syntax error while parsing value - invalid string: ill-formed UTF-8 "
+       "byte; last read: '\"ST\xFF'"},
+      {"an array", " [1]",
+       "line 1, column 2: the document is not a JSON object (a request is {…})"},
+  };
+  for (const CBadDocumentCase& test : cases) {
+    const CProgramRun run = Pendrel({"call", TestHandler(), "--request", "-"}, test.Document);
+    EXPECT_EQ(run.ExitCode, 65) << test.Name;
+    EXPECT_EQ(run.Out, "") << test.Name;
+    EXPECT_EQ(run.Err, "pendrel: the request document \"-\" is not valid: " + test.Error + "\n")
+        << test.Name;
+  }
 }
 
-TEST(CliCall, RefusesAnInputFileItCannotRead) {
+TEST(CliCall, RefusesAnInputFileItCannotReadSayingWhy) {
   TempDir dir;
   const std::string missing = Utf8Path(dir.path() / "missing.txt");
-  const CProgramRun run = Pendrel({"call", TestHandler(), "--command", "PING", "--file", missing});
+  CProgramRun run = Pendrel({"call", TestHandler(), "--command", "PING", "--file", missing});
   EXPECT_EQ(run.ExitCode, 66);
-  EXPECT_EQ(run.Err, "pendrel: cannot read the file \"" + missing + "\"\n");
+  EXPECT_EQ(run.Err, "pendrel: cannot read the file \"" + missing + "\": there is no such file\n");
+  const std::string folder = Utf8Path(dir.path());
+  run = Pendrel({"call", TestHandler(), "--request", folder});
+  EXPECT_EQ(run.ExitCode, 66);
+  EXPECT_EQ(run.Err,
+            "pendrel: cannot read the request document \"" + folder + "\": it is a folder\n");
+}
+
+TEST(CliCall, RefusesStandardInputAsAFile) {
+  const CProgramRun run = Pendrel({"call", TestHandler(), "--command", "PING", "--file", "-"});
+  EXPECT_EQ(run.ExitCode, 64);
+  EXPECT_EQ(run.Err.rfind("pendrel call: --file takes a file, not - (standard input", 0), 0u)
+      << run.Err;
 }
 
 TEST(CliCall, SavesTheResponseFilesUnderSafeDistinctNames) {
@@ -327,48 +382,126 @@ TEST(CliCall, ReportsAFolderItCannotSaveInto) {
 }
 
 // ---------------------------------------------------------------------------------------
-// Failures of the handler: the error code is the exit code, with the pipe's text.
+// Failures of the handler: in English, naming the handler and the cause, with the exit
+// statuses of the help's table; standard output stays empty.
 
-TEST(CliFailure, AHandlerThatCannotBeStartedExits5WithTheErrorText) {
+TEST(CliFailure, AHandlerThatDoesNotExistExits69WithTheSystemsReason) {
   TempDir dir;
   const std::string missing = Utf8Path(dir.path() / "no-such-handler");
   const CProgramRun run = Pendrel({"call", missing, "--command", "PING"});
-  EXPECT_EQ(run.ExitCode, 5);
+  EXPECT_EQ(run.ExitCode, 69);
   EXPECT_EQ(run.Out, "");
-  EXPECT_EQ(run.Err.rfind("pendrel: starting \"" + missing +
-                              "\" failed with error 5 (StartFailed): Ошибка запуска обработчика #",
-                          0),
-            0u)
+  const std::string expected = "pendrel: cannot start the handler \"" + missing + "\": ";
+  EXPECT_EQ(run.Err.rfind(expected, 0), 0u) << run.Err;
+  EXPECT_GT(run.Err.size(), expected.size() + 1) << "the reason is missing";
+  EXPECT_EQ(run.Err.find("\xD0"), std::string::npos) << "the library's own text: " << run.Err;
+}
+
+TEST(CliFailure, AFolderAsTheHandlerExits69SayingSo) {
+  TempDir dir;
+  const std::string folder = Utf8Path(dir.path());
+  const CProgramRun run = Pendrel({"info", folder});
+  EXPECT_EQ(run.ExitCode, 69);
+  EXPECT_EQ(run.Err, "pendrel: cannot start the handler \"" + folder + "\": it is a folder\n");
+}
+
+TEST(CliFailure, AHandlerThatEndsBeforeConnectingExits69WithItsStatus) {
+  const CProgramRun run =
+      Pendrel({"info", TestHandler(), "--args", "--exit-before-connect --exit-code 64"});
+  EXPECT_EQ(run.ExitCode, 69);
+  EXPECT_EQ(run.Out, "");
+  EXPECT_EQ(run.Err, "pendrel: the handler \"" + TestHandler() +
+                         "\" ended before it connected to its pipe: it exited with status 64\n");
+}
+
+TEST(CliFailure, AHandlerThatEndsBetweenExchangesExits70WithItsStatus) {
+  // The handler answers RequestHandlerInfo and ends; the next query meets the closed pipe.
+  const CProgramRun run =
+      Pendrel({"info", TestHandler(), "--args", "--exit-after 1 --exit-code 7"});
+  EXPECT_EQ(run.ExitCode, 70);
+  EXPECT_EQ(run.Out, "");
+  const std::string expected =
+      "pendrel: the handler \"" + TestHandler() + "\" failed during RequestLibVersion: ";
+  EXPECT_EQ(run.Err.rfind(expected, 0), 0u) << run.Err;
+  const std::string end = "; it exited with status 7\n";
+  ASSERT_GT(run.Err.size(), end.size());
+  EXPECT_EQ(run.Err.substr(run.Err.size() - end.size()), end) << run.Err;
+}
+
+TEST(CliFailure, NoAnswerInTimeExits75NamingTheLimit) {
+  const CProgramRun run = Pendrel({"call", TestHandler(), "--args", "--hang-in-request",
+                                   "--timeout", "1", "--command", "PING"});
+  EXPECT_EQ(run.ExitCode, 75);
+  EXPECT_EQ(run.Out, "");
+  EXPECT_EQ(run.Err, "pendrel: the handler \"" + TestHandler() +
+                         "\" did not answer the request within 1 s (--timeout); it was stopped\n");
+}
+
+TEST(CliFailure, VerboseAlsoGivesTheLibrarysOwnText) {
+  const CProgramRun run = Pendrel(
+      {"info", TestHandler(), "--verbose", "--args", "--exit-before-connect --exit-code 64"});
+  EXPECT_EQ(run.ExitCode, 69);
+  EXPECT_NE(run.Err.find("\npendrel: the library said: error 5 (StartFailed): "), std::string::npos)
       << run.Err;
 }
 
-TEST(CliFailure, AHandlerThatEndsBeforeConnectingExits5) {
-  const CProgramRun run = Pendrel({"info", TestHandler(), "--args", "--exit-before-connect"});
-  EXPECT_EQ(run.ExitCode, 5);
-  const std::string expected =
-      "pendrel: starting \"" + TestHandler() + "\" failed with error 5 (StartFailed): ";
-  EXPECT_EQ(run.Err.rfind(expected, 0), 0u) << run.Err;
-  EXPECT_GT(run.Err.size(), expected.size() + 1) << "the pipe's text is missing";
-}
-
-TEST(CliFailure, AHandlerThatEndsBetweenExchangesExits1WithThePipeText) {
-  // The handler answers RequestHandlerInfo and ends; the next query meets the closed pipe.
-  // (A request right after connecting might instead find the handler gone already.)
-  const CProgramRun run = Pendrel({"info", TestHandler(), "--args", "--exit-after 1"});
+TEST(CliFailure, FailTurnsTheErrorStatusIntoExit1AndStillPrintsTheResponse) {
+  const std::string response =
+      R"({"status":3,"Parameters":{"Command":"PING","CommandAtribute":""}})"
+      "\n";
+  CProgramRun run = Pendrel({"call", TestHandler(), "--command", "PING", "--fail"});
   EXPECT_EQ(run.ExitCode, 1);
-  EXPECT_EQ(run.Out, "");
-  const std::string expected = "pendrel: RequestLibVersion failed with error 1 (ChannelError): ";
-  EXPECT_EQ(run.Err.rfind(expected, 0), 0u) << run.Err;
-  EXPECT_GT(run.Err.size(), expected.size() + 1) << "the pipe's text is missing";
+  EXPECT_EQ(run.Out, response);
+  EXPECT_EQ(run.Err, "pendrel: the handler answered with the error status 3 (--fail)\n");
+  run = Pendrel({"call", TestHandler(), "--command", "PING"});
+  EXPECT_EQ(run.ExitCode, 0);
+  EXPECT_EQ(run.Out, response);
+  run = Pendrel({"call", TextStats(), "--command", "STATS", "--file", Sample(), "--fail"});
+  EXPECT_EQ(run.ExitCode, 0) << run.Err;
 }
 
-TEST(CliFailure, NoAnswerInTimeExits2) {
-  const CProgramRun run = Pendrel(
-      {"call", TestHandler(), "--args", "--never-answer", "--timeout", "1", "--command", "PING"});
-  EXPECT_EQ(run.ExitCode, 2);
+TEST(CliOutput, TheHandlersOwnOutputGoesToStandardError) {
+  const CProgramRun run =
+      Pendrel({"call", TestHandler(), "--args", "--print hello", "--command", "PING"});
+  EXPECT_EQ(run.ExitCode, 0) << run.Err;
+  EXPECT_EQ(run.Out, R"({"status":3,"Parameters":{"Command":"PING","CommandAtribute":""}})"
+                     "\n");
+  EXPECT_NE(run.Err.find("out:hello\n"), std::string::npos) << run.Err;
+  EXPECT_NE(run.Err.find("err:hello\n"), std::string::npos) << run.Err;
+}
+
+TEST(CliOutput, QuietLeavesOutTheProgressLine) {
+  const CProgramRun run =
+      Pendrel({"call", TextStats(), "--command", "STATS", "--file", Sample(), "--quiet"});
+  EXPECT_EQ(run.ExitCode, 0) << run.Err;
+  EXPECT_EQ(run.Out, kSampleStats);
+  EXPECT_EQ(run.Err, "");
+}
+
+TEST(CliOutput, VerboseShowsEachMessageWithItsSize) {
+  const CProgramRun run =
+      Pendrel({"call", TestHandler(), "--command", "PING", "--verbose", "--output", "common"});
+  EXPECT_EQ(run.ExitCode, 0) << run.Err;
+  const std::string request =
+      R"({"Command":"PING","CommandAtribute":"","CommandParams":{},"RequestParams":{},)"
+      R"("InputData":[]})";
+  EXPECT_NE(run.Err.find("pendrel: > request (" + std::to_string(request.size()) +
+                         " bytes): " + request + "\n"),
+            std::string::npos)
+      << run.Err;
+  EXPECT_NE(run.Err.find("pendrel: < response, as read ("), std::string::npos) << run.Err;
+}
+
+TEST(CliKit, AHandlerStartedByHandSaysHowToRunIt) {
+  const CProgramRun run = RunProgram(TextStats(), {});
+  EXPECT_EQ(run.ExitCode, 64);
   EXPECT_EQ(run.Out, "");
-  EXPECT_EQ(run.Err,
-            "pendrel: the request failed with error 2 (ResponseTimeout): no answer in time\n");
+  EXPECT_NE(run.Err.find(": no pipe name: the _MN_=<name> argument is missing or empty. This is "
+                         "a pendrel handler: a host starts it"),
+            std::string::npos)
+      << run.Err;
+  EXPECT_NE(run.Err.find("To run it by hand: pendrel call "), std::string::npos) << run.Err;
+  EXPECT_EQ(run.Err.find('\n'), run.Err.size() - 1) << "one line: " << run.Err;
 }
 
 // ---------------------------------------------------------------------------------------

@@ -27,7 +27,7 @@ struct CExitStatusRow {
 // Every exit status with what it means, in the order the help lists them.
 inline constexpr CExitStatusRow kExitStatuses[] = {
     {"0", "the handler answered (whatever the response's own status, unless --fail)"},
-    {"1", "--fail was given and the response has the error status 3"},
+    {"1", "the response has the error status 3 and --fail was given"},
     {"64", "the command line is wrong"},
     {"65", "a --request document is not a valid request (JSON object, UTF-8, no BOM)"},
     {"66", "an input file or the request document cannot be read"},
