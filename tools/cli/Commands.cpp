@@ -54,6 +54,14 @@ const char* ErrorName(EErrorCode code) {
   return "?";
 }
 
+// Whether the pipe failed because the handler's end went away (or stopped mid-way), which its
+// process's end explains.
+bool BrokeOff(const Pendrel::CChannelFailure& failure) {
+  return failure.Failure == Pendrel::EChannelFailure::PeerGone ||
+         failure.Failure == Pendrel::EChannelFailure::PacketTimedOut ||
+         failure.Failure == Pendrel::EChannelFailure::WriteFailed;
+}
+
 void Write(std::FILE* stream, std::string_view text) {
   std::fwrite(text.data(), 1, text.size(), stream);
 }
@@ -277,10 +285,14 @@ class CRun {
         text = Handler() + " was not connected for " + step;
         break;
       default: {
-        text = Handler() + " failed during " + step + ": " +
-               ExplainChannelFailure(m_handler.GetChannelFailure());
-        const std::string end = ExplainHandlerEnd(m_handler.GetHandlerExit(kEndWaitMs));
-        if (!end.empty()) text += "; " + end;
+        const Pendrel::CChannelFailure failure = m_handler.GetChannelFailure();
+        text = Handler() + " failed during " + step + ": " + ExplainChannelFailure(failure);
+        // A pipe that broke off is explained by how the handler ended; one that carried
+        // something broken is the handler's doing while it lives.
+        if (BrokeOff(failure)) {
+          const std::string end = ExplainHandlerEnd(m_handler.GetHandlerExit(kEndWaitMs));
+          if (!end.empty()) text += "; " + end;
+        }
         break;
       }
     }
