@@ -157,4 +157,16 @@ TEST(HandlerArguments, EveryErrorHasItsText) {
 }
 
 }  // namespace
+TEST(HandlerArguments, StartedByHandTextSaysWhatIsWrongAndHowToRunIt) {
+  EXPECT_EQ(StartedByHandText("./stats", EArgumentError::MissingPipeName),
+            "./stats: no pipe name: the _MN_=<name> argument is missing or empty. This is a "
+            "pendrel handler: a host starts it and names the pipe to connect to (_MN_=). To run "
+            "it by hand: pendrel call ./stats --command WORD");
+  // A path with a blank is quoted, so that the command can be pasted.
+  const std::string text = StartedByHandText("/opt/my handlers/h", EArgumentError::BadMode);
+  EXPECT_EQ(text.rfind("/opt/my handlers/h: the _DM_= argument", 0), 0u) << text;
+  EXPECT_NE(text.find("pendrel call \"/opt/my handlers/h\" --command WORD"), std::string::npos)
+      << text;
+}
+
 }  // namespace PendrelKit

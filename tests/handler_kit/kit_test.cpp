@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>  // std::tmpfile
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -372,8 +373,62 @@ TEST(HandlerKitPipe, StopWhileConnectingEndsRunAtOnce) {
   EXPECT_EQ(kit.Run(arguments), kExitPipeClosed);
 }
 
+// The text written to a temporary file that stands for standard error.
+class CapturedDiagnostics {
+ public:
+  CapturedDiagnostics() : m_file(std::tmpfile()) {}
+  ~CapturedDiagnostics() {
+    if (m_file) std::fclose(m_file);
+  }
+  CapturedDiagnostics(const CapturedDiagnostics&) = delete;
+  CapturedDiagnostics& operator=(const CapturedDiagnostics&) = delete;
+  std::FILE* File() const { return m_file; }
+  std::string Text() const {
+    std::string text;
+    std::rewind(m_file);
+    char buffer[1024];
+    std::size_t got = 0;
+    while ((got = std::fread(buffer, 1, sizeof buffer, m_file)) > 0) text.append(buffer, got);
+    return text;
+  }
+
+ private:
+  std::FILE* m_file;
+};
+
+TEST(HandlerKitPipe, RunWithoutAServerEndSaysWhichPipeItCouldNotReach) {
+  CapturedDiagnostics diagnostics;
+  ASSERT_NE(diagnostics.File(), nullptr);
+  CHandlerKit kit;
+  kit.ConnectTimeMs = 100;
+  kit.Diagnostics = diagnostics.File();
+  CHandlerArguments arguments;
+  arguments.PipeName = pendrel_test::UniqueKitPipeName();
+  EXPECT_EQ(kit.Run(arguments), kExitNoConnection);
+  const std::string expected = "pendrel handler: cannot connect to the pipe \"" +
+                               Pendrel::Utf16ToUtf8(arguments.PipeName) +
+                               "\" of its host within 100 ms";
+  const std::string text = diagnostics.Text();
+  EXPECT_EQ(text.rfind(expected, 0), 0u) << text;
+  EXPECT_NE(text.find("A handler is started by its host, e.g. pendrel)\n"), std::string::npos)
+      << text;
+  EXPECT_EQ(text.find('\n'), text.size() - 1) << "one line: " << text;
+}
+
+TEST(HandlerKitPipe, RunWithArgcArgvSaysHowToRunTheHandlerByHand) {
+  CapturedDiagnostics diagnostics;
+  ASSERT_NE(diagnostics.File(), nullptr);
+  CHandlerKit kit;
+  kit.Diagnostics = diagnostics.File();
+  char path[] = "./h";
+  char* narrow[] = {path, nullptr};
+  EXPECT_EQ(kit.Run(1, narrow), kExitBadArguments);
+  EXPECT_EQ(diagnostics.Text(), StartedByHandText("./h", EArgumentError::MissingPipeName) + "\n");
+}
+
 TEST(HandlerKitPipe, RunWithArgcArgvRefusesABadCommandLine) {
   CHandlerKit kit;
+  kit.Diagnostics = nullptr;
   char path[] = "h";
   char mode[] = "_DM_=1";
   char* narrow[] = {path, mode, nullptr};
