@@ -466,8 +466,8 @@ TEST(CliOutput, TheHandlersOwnOutputGoesToStandardError) {
   EXPECT_EQ(run.ExitCode, 0) << run.Err;
   EXPECT_EQ(run.Out, R"({"status":3,"Parameters":{"Command":"PING","CommandAtribute":""}})"
                      "\n");
-  EXPECT_NE(run.Err.find("out:hello\n"), std::string::npos) << run.Err;
-  EXPECT_NE(run.Err.find("err:hello\n"), std::string::npos) << run.Err;
+  EXPECT_NE(run.Err.find("out:hello"), std::string::npos) << run.Err;
+  EXPECT_NE(run.Err.find("err:hello"), std::string::npos) << run.Err;
 }
 
 TEST(CliOutput, QuietLeavesOutTheProgressLine) {

@@ -1,9 +1,7 @@
 // The exit statuses of pendrel, after BSD's sysexits, so that a script can tell a wrong call
-// from a handler that is missing, one that failed, and a time-out. One table gives both the
-// numbers and the lines of the help and README that explain them.
+// from a handler that is missing, one that failed, and a time-out. kExitStatuses explains
+// them for the help; the README has the same table.
 #pragma once
-
-#include <cstddef>
 
 namespace PendrelCli {
 
