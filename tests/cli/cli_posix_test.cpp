@@ -195,6 +195,10 @@ TEST(CliPosix, EveryFailureIsToldInEnglishAndLeavesNothingBehind) {
        70,
        "pendrel: the handler \"{H}\" failed during the request: the handler sent a broken packet "
        "(its header announces more than the packet holds)\n"},
+      {"never connects",
+       {"info", Handler(), "--args", "--pid-file {P} --never-connect"},
+       75,
+       "pendrel: the handler \"{H}\" did not connect to its pipe within 10 s\n"},
       {"hangs",
        {"call", Handler(), "--command", "PING", "--timeout", "1", "--args",
         "--pid-file {P} --hang-in-request"},
@@ -248,6 +252,28 @@ TEST(CliPosix, AStopSignalStopsTheHandlerCleansUpAndExits128PlusN) {
               std::string("pendrel: stopped by ") + row.Name + "; the handler was stopped\n");
     runner.ExpectNothingLeft(row.Name);
   }
+}
+
+TEST(CliPosix, AHandlerThatIgnoresSigtermIsKilledAfterItsGracePeriod) {
+  CRunner runner;
+  // SIG_IGN survives exec: the test handler ignores SIGTERM.
+  const std::filesystem::path script = runner.Dir().path() / "stubborn-handler";
+  {
+    std::ofstream out(script);
+    out << "#!/bin/sh\ntrap '' TERM\nexec '" << Handler() << "' \"$@\"\n";
+  }
+  std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+  const auto start = std::chrono::steady_clock::now();
+  const CPosixRun run = runner.Run(
+      {"call", script.string(), "--command", "PING", "--args",
+       "--pid-file " + runner.PidFile() + " --record " + runner.Record() + " --hang-in-request"},
+      EStdout::File, runner.Record(), SIGINT);
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(run.ExitCode, 130) << run.Err;
+  EXPECT_EQ(run.Err, "pendrel: stopped by SIGINT; the handler was stopped\n");
+  // Killed after its grace period (5 s), not left to the request's time limit (120 s).
+  EXPECT_LT(took, 30s);
+  runner.ExpectNothingLeft("a handler that ignores SIGTERM");
 }
 
 TEST(CliPosix, AClosedOrFullStandardOutputExits74) {

@@ -253,6 +253,8 @@ class CRun {
       case Pendrel::EChannelFailure::OpenTimedOut:
         text = Handler() + " did not connect to its pipe within 10 s";
         exitCode = kExitTimeout;
+        // It cannot be told to end through a pipe it never opened: it is killed at once.
+        m_handler.StopGracePeriodMs = 0;
         break;
       case Pendrel::EChannelFailure::NoClient: {
         text = Handler() + " ended before it connected to its pipe";
