@@ -10,9 +10,11 @@
 namespace PendrelCli {
 
 // Reads `arguments` (the program's, without its own name, UTF-8), runs what they ask for and
-// returns the exit code: kExitOk, the handler client's error code (1 to 5) when an exchange
-// or the start failed, or one of ExitCodes.h. Responses and help go to `out`; errors, the
-// progress line and notes to `err`. Runs on the caller's thread.
+// returns the exit status of ExitCodes.h. Responses and help go to `out`, nothing else;
+// errors, the progress line, notes and the handler's own output go to `err`. A command that
+// starts a handler watches for stop signals meanwhile (Signals.h), so call it from main's
+// thread before any other thread starts; it may end the process itself on a signal that
+// comes while no handler is held. Runs on the caller's thread.
 int RunCli(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
 
 }  // namespace PendrelCli
