@@ -14,8 +14,8 @@
 //          - absent or application/json, with an empty body and no file name: no file;
 //          - application/vnd.pendrel.request+json: the request's JSON document, which is the
 //            whole request (see ReadRequest);
-//          - multipart/mixed: one file per part, in order; parts base64, 7bit, 8bit or
-//            binary;
+//          - multipart/mixed: one file per part, in order; parts base64, quoted-printable,
+//            7bit, 8bit or binary;
 //          - multipart/form-data: parts with a `filename` become files, the other fields
 //            request parameters (after those of the query; the first of a key wins);
 //          - anything else: the body is one file.
