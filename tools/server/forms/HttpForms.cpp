@@ -1,7 +1,10 @@
 #include "tools/server/forms/HttpForms.h"
 
 #include <cwctype>  // std::towupper
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <boost/url/parse_path.hpp>
 #include <boost/url/parse_query.hpp>
