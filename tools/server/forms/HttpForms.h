@@ -21,10 +21,10 @@
 //            or binary;
 //          - multipart/form-data: parts with a `filename` become files (Name: the file name
 //            without its last extension; Type: the part's type, or by the file name's
-//            extension when the part names none or one the library does not know; a part with an empty
-//            `filename` and no content, a file input left empty, is skipped); the other
-//            fields become request parameters (after those of the query; the first of a key
-//            wins);
+//            extension when the part names none or one the library does not know; a part
+//            with an empty `filename` and no content, a file input left empty, is skipped);
+//            the other fields become request parameters (after those of the query; the first
+//            of a key wins);
 //          - anything else: the body is one file: Type from the MIME name (Binary when the
 //            library does not know it), Name from the Content-Type's `name`, FileName from the
 //            Content-Disposition's `filename`, Data the body itself.
