@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <boost/url/pct_string_view.hpp>  // percent-decoding of route segments
+#include <cstdio>                         // std::fprintf
 #include <nlohmann/json.hpp>              // the session-creation body and the info answers
 #include <utility>
 
@@ -393,7 +394,12 @@ void CMount::CloseIdleSessions(Clock::time_point now) {
       if (session->Deadline() <= now) idle.emplace_back(key, session);
     }
   }
-  for (const auto& [key, session] : idle) EndSession(key, session);
+  for (const auto& [key, session] : idle) {
+    EndSession(key, session);
+    std::fprintf(stderr, "pendrel serve: %s: session \"%s\" closed after %lld s unused\n",
+                 m_settings.Prefix.c_str(), Utf8FromWide(key).c_str(),
+                 static_cast<long long>(session->Timeout.count()));
+  }
 }
 
 void CMount::Stop(std::uint32_t drainMs) {
