@@ -276,6 +276,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     response->body() = std::move(reply.Body);
     response->keep_alive(m_keepAlive && !close);
     response->prepare_payload();
+    if (m_method == "HEAD") response->body().clear();  // the length stays, the body goes
     m_status = reply.Status;
     m_pid = reply.HandlerPid;
     const bool keepAlive = response->keep_alive();
