@@ -159,12 +159,13 @@ def field(fields, name):
 def raw_exchange(port, data, timeout_s=10, shut=False):
     """Sends `data` on a fresh connection and returns everything read until it closes or
     an answer is complete (one answer, its length known)."""
+    deadline = time.monotonic() + timeout_s
     with socket.create_connection(("127.0.0.1", port), timeout=timeout_s) as s:
         s.sendall(data)
         if shut:
             s.shutdown(socket.SHUT_WR)
         received = b""
-        while True:
+        while time.monotonic() < deadline:
             head, sep, rest = received.partition(b"\r\n\r\n")
             if sep:
                 match = re.search(rb"(?i)content-length:\s*(\d+)", head)
@@ -177,6 +178,7 @@ def raw_exchange(port, data, timeout_s=10, shut=False):
             if not chunk:
                 return received
             received += chunk
+        return received
 
 
 def status_of(answer):
@@ -604,6 +606,26 @@ class Limits(ServerTest):
         answer = raw_exchange(server.port, b"GET /echo/WHO/ HTTP/1.1\r\nHost: x\r\nX-Big: " +
                               b"a" * 70000 + b"\r\n\r\n")
         self.assertEqual(status_of(answer), 431)
+
+    def test_large_body_up_and_down(self):
+        server = self.echo_server()
+        data = random.Random(3).randbytes(16 << 20)
+        connection = server.connection()
+        connection.request("POST", "/echo/FILES/", body=data,
+                           headers={"Content-Type": "application/octet-stream"})
+        response = connection.getresponse()
+        self.assertEqual(response.status, 200)
+        self.assertEqual(response.read(), data)
+        connection.close()
+
+    def test_every_listen_address_is_served(self):
+        server = self.echo_server("--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0")
+        ports = lambda: {int(m) for m in re.findall(r"listening on 127\.0\.0\.1:(\d+)",
+                                                    "\n".join(l for l in server.lines if l))}
+        self.assertTrue(wait_until(lambda: len(ports()) == 2, 10))
+        for port in ports():
+            answer = raw_exchange(port, b"GET /_health HTTP/1.1\r\nHost: x\r\n\r\n")
+            self.assertEqual(status_of(answer), 200)
 
     def test_keep_alive_serves_several_requests_on_one_connection(self):
         server = self.echo_server()

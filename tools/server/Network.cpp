@@ -35,7 +35,7 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kKeepAliveIdle = std::chrono::seconds(75);
 constexpr auto kHeaderTime = std::chrono::seconds(10);
 constexpr auto kBodyStepTime = std::chrono::seconds(30);
-constexpr auto kWriteTime = std::chrono::seconds(60);
+constexpr auto kWriteStepTime = std::chrono::seconds(30);
 // After an answer that leaves a body unread, the rest is read and dropped for this long
 // before the socket closes, so that the client sees the answer rather than a reset.
 constexpr auto kLingerTime = std::chrono::seconds(3);
@@ -202,7 +202,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     if (bodyFollows && expect != request.end() && beast::iequals(expect->value(), "100-continue")) {
       auto goOn =
           std::make_shared<http::response<http::empty_body>>(http::status::continue_, m_version);
-      m_stream.expires_after(kWriteTime);
+      m_stream.expires_after(kWriteStepTime);
       http::async_write(
           m_stream, *goOn,
           [self = shared_from_this(), goOn](const beast::error_code& ec, std::size_t) {
@@ -270,7 +270,14 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     auto response = std::make_shared<http::response<http::string_body>>();
     response->version(m_version);
     response->result(reply.Status);
-    for (auto& [name, value] : reply.Fields) response->insert(name, value);
+    for (auto& [name, value] : reply.Fields) {
+      // A line end in a field would start a field of the handler's making: left out.
+      if (name.empty() || name.find_first_of("\r\n:\0", 0, 4) != std::string::npos ||
+          value.find_first_of("\r\n\0", 0, 3) != std::string::npos) {
+        continue;
+      }
+      response->insert(name, value);
+    }
     response->set(http::field::server, "pendrel");
     response->set("X-Request-Id", m_requestId);
     response->body() = std::move(reply.Body);
@@ -281,16 +288,29 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     m_pid = reply.HandlerPid;
     const bool keepAlive = response->keep_alive();
     const bool unreadBody = m_parser && !m_parser->is_done();
-    m_stream.expires_after(kWriteTime);
-    http::async_write(m_stream, *response,
-                      [self = shared_from_this(), response, keepAlive, unreadBody](
-                          const beast::error_code& ec, std::size_t bytes) {
-                        self->m_bytesOut += bytes;
-                        self->End();
-                        if (ec) return self->Close();
-                        if (!keepAlive) return unreadBody ? self->Linger() : self->Close();
-                        self->WaitForRequest();
-                      });
+    m_response = std::move(response);
+    m_serializer.emplace(*m_response);
+    WriteSome(keepAlive, unreadBody);
+  }
+
+  // Writes the answer a step at a time, each step with its own time limit, so that a large
+  // answer to a slow reader is not cut while it still moves.
+  void WriteSome(bool keepAlive, bool unreadBody) {
+    m_stream.expires_after(kWriteStepTime);
+    http::async_write_some(m_stream, *m_serializer,
+                           [self = shared_from_this(), keepAlive, unreadBody](
+                               const beast::error_code& ec, std::size_t bytes) {
+                             self->m_bytesOut += bytes;
+                             if (!ec && !self->m_serializer->is_done()) {
+                               return self->WriteSome(keepAlive, unreadBody);
+                             }
+                             self->m_serializer.reset();
+                             self->m_response.reset();
+                             self->End();
+                             if (ec) return self->Close();
+                             if (!keepAlive) return unreadBody ? self->Linger() : self->Close();
+                             self->WaitForRequest();
+                           });
   }
 
   // Sends FIN, then reads and drops what the client still sends, for a bounded time.
@@ -364,6 +384,8 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   beast::tcp_stream m_stream;
   beast::flat_buffer m_buffer;
   std::optional<http::request_parser<http::string_body>> m_parser;
+  std::shared_ptr<http::response<http::string_body>> m_response;  // the answer being written
+  std::optional<http::response_serializer<http::string_body>> m_serializer;  // of m_response
   CNetwork::Impl& m_network;
   CServer& m_server;
   CRouted m_routed;
