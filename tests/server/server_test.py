@@ -425,6 +425,18 @@ class Sessions(ServerTest):
         status, _, _ = curl(server.url("/echo/_sessions/s-1"), "-X", "DELETE")
         self.assertEqual(status, 404)
 
+    def test_failed_session_exchange_closes_the_session(self):
+        server = self.echo_server()
+        status, _, _ = curl(server.url("/echo/_sessions"), "--data-binary", "@-",
+                            data=b'{"key":"doomed"}')
+        self.assertEqual(status, 201)
+        status, _, _ = curl(server.url("/echo/CRASH/doomed"))
+        self.assertEqual(status, 502)
+        status, _, _ = curl(server.url("/echo/_sessions/doomed/files"))
+        self.assertEqual(status, 404)
+        status, _, body = curl(server.url("/echo/WHO/doomed"))  # served by the pool now
+        self.assertEqual((status, json.loads(body)["session"]), (200, ""))
+
     def test_bad_session_bodies(self):
         server = self.echo_server()
         for body in [b"not json", b"[]", b'{"user":"x"}', b'{"key":""}',
@@ -479,6 +491,30 @@ class Load(ServerTest):
             t.join(timeout=120)
         self.assertFalse(any(t.is_alive() for t in threads), "clients still running")
         self.assertEqual(failures, [])
+
+    def test_idle_keep_alive_connections_cost_no_thread(self):
+        server = self.echo_server()
+        self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
+
+        def threads():
+            with open(f"/proc/{server.process.pid}/status") as f:
+                return int(re.search(r"^Threads:\s+(\d+)", f.read(), re.M).group(1))
+
+        before = threads()
+        idle = []
+        try:
+            for _ in range(300):
+                connection = server.connection(timeout_s=10)
+                connection.request("GET", "/_health")
+                response = connection.getresponse()
+                response.read()
+                self.assertEqual(response.status, 200)
+                idle.append(connection)
+            self.assertEqual(threads(), before)
+            self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
+        finally:
+            for connection in idle:
+                connection.close()
 
     def test_slow_clients_do_not_delay_a_normal_request(self):
         server = self.echo_server()
@@ -657,6 +693,39 @@ class Control(ServerTest):
         self.assertEqual(processes_with(self.folder), [])
         with self.assertRaises(OSError):
             socket.create_connection(("127.0.0.1", server.port), timeout=2).close()
+
+    def test_stop_ends_idle_keep_alive_connections_at_once(self):
+        server = self.echo_server()
+        connection = server.connection()
+        connection.request("GET", "/echo/WHO/")
+        self.assertEqual(connection.getresponse().status, 200)
+        started = time.monotonic()
+        self.assertEqual(server.stop(signal.SIGTERM), 0)
+        self.assertLess(time.monotonic() - started, 5)
+        connection.close()
+
+    def test_stop_past_the_drain_limit_ends_the_hung_request_and_its_handler(self):
+        server = self.serve(config=self.config(timeout_s=60, extra="drain_s = 1"))
+        result = {}
+
+        def hang():
+            try:
+                result["answer"] = curl(server.url("/echo/HANG/"))
+            except AssertionError as e:  # the connection ends without an answer
+                result["error"] = str(e)
+
+        client = threading.Thread(target=hang)
+        client.start()
+        try:
+            self.assertTrue(wait_until(lambda: 'pendrel_pool_busy_handlers{mount="/echo"} 1' in
+                                       curl(server.url("/_metrics"))[2].decode(), 10))
+            started = time.monotonic()
+            self.assertEqual(server.stop(signal.SIGTERM), 0)
+            self.assertLess(time.monotonic() - started, 10)
+        finally:
+            client.join(timeout=30)
+        self.assertIn("error", result)
+        self.assertTrue(wait_until(lambda: not processes_with(self.folder), 10))
 
     def test_sigint_stops_with_status_0(self):
         server = self.echo_server()
