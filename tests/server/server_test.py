@@ -340,6 +340,14 @@ class Routes(ServerTest):
             self.assertEqual(problem["status"], expected)
             self.assertTrue(problem["detail"])
 
+    def test_absolute_form_target(self):
+        server = self.echo_server()
+        answer = raw_exchange(server.port, b"GET http://127.0.0.1/echo/STATS/-/k/v?a=1 HTTP/1.1\r\n"
+                              b"Host: 127.0.0.1\r\n\r\n")
+        self.assertEqual(status_of(answer), 200)
+        echoed = json.loads(answer.partition(b"\r\n\r\n")[2])
+        self.assertEqual((echoed["CommandParams"], echoed["RequestParams"]), ({"k": "v"}, {"A": "1"}))
+
     def test_request_id_is_passed_through_or_made(self):
         server = self.echo_server()
         status, fields, _ = curl(server.url("/echo/WHO/"), "-H", "X-Request-Id: abc-123")
@@ -573,6 +581,21 @@ class Failures(ServerTest):
             status, fields, _ = curl(server.url("/echo/WHO/"))
             self.assertEqual(status, 503)
             self.assertEqual(field(fields, "Retry-After"), "1")
+        finally:
+            slow.join(timeout=20)
+
+    def test_no_free_worker_within_the_queue_wait_gives_503(self):
+        server = self.serve(config=self.config(pool="min = 2, max = 2, queue_wait_s = 1",
+                                               extra="workers = 1"))
+        slow = threading.Thread(target=curl, args=(server.url("/echo/SLOW/?ms=2500"),))
+        slow.start()
+        try:
+            self.assertTrue(wait_until(lambda: 'pendrel_pool_busy_handlers{mount="/echo"} 1' in
+                                       curl(server.url("/_metrics"))[2].decode(), 10))
+            status, fields, body = curl(server.url("/echo/WHO/"))
+            self.assertEqual(status, 503)
+            self.assertEqual(field(fields, "Retry-After"), "1")
+            self.assertIn("worker", json.loads(body)["detail"])
         finally:
             slow.join(timeout=20)
 

@@ -1,5 +1,6 @@
 #include "tools/server/Network.h"
 
+#include <atomic>
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -41,6 +42,8 @@ constexpr auto kWriteStepTime = std::chrono::seconds(30);
 constexpr auto kLingerTime = std::chrono::seconds(3);
 constexpr std::uint32_t kHeaderLimit = 64 * 1024;
 constexpr std::size_t kFirstRead = 4096;
+// Requests read and waiting for a worker thread, at most; more are answered 503 at once.
+constexpr std::size_t kMaxWaitingForWorker = 4096;
 
 class CConnection;
 
@@ -51,8 +54,9 @@ struct CNetwork::Impl {
   // holds connections that unregister here when destroyed.
   std::mutex Lock;
   std::condition_variable Idle;
-  std::size_t InFlight = 0;                                                  // under Lock
-  bool Draining = false;                                                     // under Lock
+  std::size_t InFlight = 0;  // under Lock
+  bool Draining = false;     // under Lock
+  std::atomic<std::size_t> WaitingForWorker{0};
   std::unordered_map<CConnection*, std::weak_ptr<CConnection>> Connections;  // under Lock
 
   CServer& Server;
@@ -251,11 +255,25 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     parts.ContentType = std::string(request[http::field::content_type]);
     parts.ContentDisposition = std::string(request[http::field::content_disposition]);
     parts.Body = std::move(request.body());
+    // The worker threads' queue is bounded in length and, like the pool's, in waiting time.
+    if (++m_network.WaitingForWorker > kMaxWaitingForWorker) {
+      --m_network.WaitingForWorker;
+      CReply busy = Problem(503, "too many requests are waiting for a worker thread");
+      busy.Fields.emplace_back("Retry-After", "1");
+      return Answer(std::move(busy), false);
+    }
     net::post(m_network.Workers, [self = shared_from_this(), routed = std::move(m_routed),
-                                  parts = std::move(parts)]() mutable {
+                                  parts = std::move(parts), posted = Clock::now()]() mutable {
+      --self->m_network.WaitingForWorker;
       CReply reply;
       try {
-        reply = self->m_server.Handle(std::move(routed), std::move(parts));
+        if (Clock::now() - posted > routed.QueueWait) {
+          reply = Problem(503, "no worker thread became free within " +
+                                   std::to_string(routed.QueueWait.count() / 1000) + " s");
+          reply.Fields.emplace_back("Retry-After", "1");
+        } else {
+          reply = self->m_server.Handle(std::move(routed), std::move(parts));
+        }
       } catch (const std::exception& e) {
         reply = Problem(500, std::string("the server failed: ") + e.what());
       }
