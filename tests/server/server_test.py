@@ -314,6 +314,21 @@ class Routes(ServerTest):
         self.assertIn("NOPE", json.loads(body)["detail"])
         status, _, body = curl(server.url("/_health"))
         self.assertEqual((status, json.loads(body)["status"]), (200, "ok"))
+        # HEAD: the GET's length, no body: the next answer on the connection follows at once.
+        with socket.create_connection(("127.0.0.1", server.port), timeout=10) as s:
+            s.sendall(b"HEAD /_health HTTP/1.1\r\nHost: x\r\n\r\n"
+                      b"GET /_health HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+            received = b""
+            for _ in range(100):
+                chunk = s.recv(65536)
+                if not chunk:
+                    break
+                received += chunk
+        head, _, rest = received.partition(b"\r\n\r\n")
+        self.assertEqual(status_of(head), 200)
+        self.assertIn(b"Content-Length: %d" % len(body), head)
+        self.assertTrue(rest.startswith(b"HTTP/1.1 200 OK\r\n"), rest[:100])
+        self.assertTrue(rest.endswith(body))
         status, fields, body = curl(server.url("/_metrics"))
         self.assertEqual(status, 200)
         text = body.decode()
