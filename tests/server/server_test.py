@@ -675,6 +675,18 @@ class Limits(ServerTest):
         self.assertEqual(status, 200)
         self.assertIsNone(server.process.poll())
 
+    def test_random_bytes_never_end_the_server(self):
+        server = self.echo_server()
+        rng = random.Random(9)
+        starts = [b"", b"GET /echo/", b"POST /echo/FILES/ HTTP/1.1\r\nHost: x\r\n",
+                  b"POST /echo/STATS/ HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"]
+        for i in range(200):
+            data = rng.choice(starts) + rng.randbytes(rng.randrange(1, 400))
+            answer = raw_exchange(server.port, data, timeout_s=15, shut=True)
+            self.assertIn(status_of(answer), (None, 400, 404, 405, 413, 431), (i, data[:80]))
+        self.assertIsNone(server.process.poll())
+        self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
+
     def test_header_over_the_limit_gives_431(self):
         server = self.echo_server()
         answer = raw_exchange(server.port, b"GET /echo/WHO/ HTTP/1.1\r\nHost: x\r\nX-Big: " +
