@@ -7,7 +7,16 @@
 // Command-line mounts take the pool, time-out, body and mode options; mounts of the file
 // (its [[handler]] tables) set everything per handler. Listen addresses, the body limit and
 // the worker count given on the command line replace the file's. A prefix mounted twice is
-// an error. Pure functions; any thread.
+// an error, and so is an unknown key in the file (a misspelt key would else be ignored).
+//
+//   listen = ["127.0.0.1:8080"]   max_body = "256MiB" (or bytes)   workers = 32   drain_s = 30
+//   [[handler]]
+//   mount = "/textstats"   program = "/usr/local/bin/pendrel-text-stats"   arguments = "--lang en"
+//   mode = 0   timeout_s = 120
+//   pool = { min = 1, max = 8, max_requests = 10000, idle_s = 60, queue = 256,
+//            queue_wait_s = 30, stop_grace_ms = 5000 }
+//
+// Pure functions; any thread.
 #pragma once
 
 #include <cstdint>
