@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "handler/CHandler.h"
@@ -171,6 +172,31 @@ TEST(HandlerPool, LendsAHandlerToOneBorrowerAtATime) {
   EXPECT_EQ(secondResult, EPoolWait::Ok);
   EXPECT_EQ(secondPid, pid);
   EXPECT_EQ(pool.Stats().Leases, 2u);
+}
+
+TEST(HandlerPool, BorrowingIntoAHeldLeaseGivesItsHandlerBackFirst) {
+  CHandlerPoolSettings settings = TestSettings();
+  settings.MaxHandlers = 1;
+  settings.QueueWaitMs = 300;
+  CHandlerPool pool(settings);
+  CHandlerLease lease;
+  ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
+  const std::uint32_t pid = lease->GetProcessId();
+  ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
+  EXPECT_EQ(lease->GetProcessId(), pid);
+  // Moving a lease over another gives the overwritten one's handler back.
+  CHandlerLease other = std::move(lease);
+  EXPECT_FALSE(lease);
+  ASSERT_TRUE(other);
+  lease = std::move(other);
+  ASSERT_TRUE(lease);
+  EXPECT_EQ(Echo(*lease, L"moved"), Ok);
+  CHandlerLease second;
+  EXPECT_EQ(pool.Borrow(second), EPoolWait::TimedOut);
+  lease = CHandlerLease();
+  ASSERT_EQ(pool.Borrow(second), EPoolWait::Ok);
+  EXPECT_EQ(second->GetProcessId(), pid);
+  EXPECT_EQ(pool.Stats().Started, 1u);
 }
 
 TEST(HandlerPool, RetiresAHandlerWhoseExchangeFailedAndStartsAnother) {
@@ -343,6 +369,20 @@ TEST(HandlerPool, AnswersStartFailedForAMissingProgramWithoutWaitingOut) {
   EXPECT_FALSE(pool.CanServe());
 }
 
+TEST(HandlerPool, PausesLongerAndLongerBeforeStartingABrokenProgramAgain) {
+  pendrel_test::TempDir dir;
+  CHandlerPoolSettings settings = TestSettings();
+  settings.Program = dir.WidePath(L"no-such-handler.exe");
+  settings.MinHandlers = 1;  // the pool itself keeps trying
+  CHandlerPool pool(settings);
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.StartFailures >= 1; }));
+  const Clock::time_point first = Clock::now();
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.StartFailures >= 3; }));
+  // 100 ms, then 200 ms between the starts: a loop would have failed thousands of times.
+  EXPECT_GE(Clock::now() - first, 200ms);
+  EXPECT_LE(pool.Stats().StartFailures, 4u);
+}
+
 TEST(HandlerPool, WakesAWaiterWithStartFailedWhenTheStartItWaitsForFails) {
   // The program starts, but ends before it connects: noticed at once.
   CHandlerPoolSettings settings = TestSettings(L"--exit-before-connect");
@@ -455,13 +495,17 @@ TEST(HandlerPool, KillsARetiredHandlerThatDoesNotEndInItsGracePeriod) {
   // The handler never returns from the request, so it cannot notice its pipe close.
   CHandlerPoolSettings settings = TestSettings(L"--hang-in-request");
   settings.ResponseTimeoutS = 1;
-  settings.StopGracePeriodMs = 200;
+  settings.StopGracePeriodMs = 2000;
   CHandlerPool pool(settings);
   CHandlerLease lease;
   ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
   const std::uint32_t pid = lease->GetProcessId();
   EXPECT_EQ(Echo(*lease, L"hang"), ResponseTimeout);
+  // The borrower does not wait for the grace period: the pool's threads do.
+  const Clock::time_point before = Clock::now();
   lease.Release();
+  EXPECT_LT(Clock::now() - before, 1000ms);
+  EXPECT_EQ(pool.Stats().Retiring, 1u);
   ASSERT_TRUE(WaitForPool(
       pool, [](const CHandlerPoolStats& s) { return s.Retired == 1 && s.Retiring == 0; }));
   EXPECT_EQ(pool.Stats().Killed, 1u);
