@@ -113,7 +113,6 @@ TEST(HandlerPool, StartsTheMinimumAtOnceWithoutABorrower) {
 TEST(HandlerPool, GrowsToTheMaximumAndNoFurther) {
   CHandlerPoolSettings settings = TestSettings();
   settings.MaxHandlers = 3;
-  settings.QueueWaitMs = 300;
   CHandlerPool pool(settings);
   CHandlerLease leases[3];
   std::set<std::uint32_t> pids;
@@ -126,21 +125,28 @@ TEST(HandlerPool, GrowsToTheMaximumAndNoFurther) {
   EXPECT_EQ(pids.size(), 3u);
   EXPECT_EQ(pids.count(0u), 0u);
 
-  CHandlerLease fourth;
-  EXPECT_EQ(pool.Borrow(fourth), EPoolWait::TimedOut);
-  EXPECT_FALSE(fourth);
+  // A fourth borrower waits, and no fourth handler is started for it.
+  std::uint32_t fourthPid = 0;
+  std::thread fourth([&] {
+    CHandlerLease lease;
+    if (pool.Borrow(lease) == EPoolWait::Ok) fourthPid = lease->GetProcessId();
+  });
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Waiting == 1; }));
   CHandlerPoolStats stats = pool.Stats();
   EXPECT_EQ(stats.Started, 3u);
   EXPECT_EQ(stats.Busy, 3u);
   EXPECT_EQ(stats.Starting, 0u);
 
-  // A handler given back is lent again, not a new one.
+  // A handler given back goes to the waiting borrower: lent again, not a new one.
   const std::uint32_t returned = leases[1]->GetProcessId();
   leases[1].Release();
   EXPECT_FALSE(leases[1]);
-  ASSERT_EQ(pool.Borrow(fourth), EPoolWait::Ok);
-  EXPECT_EQ(fourth->GetProcessId(), returned);
-  EXPECT_EQ(pool.Stats().Started, 3u);
+  fourth.join();
+  EXPECT_EQ(fourthPid, returned);
+  stats = pool.Stats();
+  EXPECT_EQ(stats.Started, 3u);
+  EXPECT_EQ(stats.Leases, 4u);
+  EXPECT_EQ(stats.Waiting, 0u);
 }
 
 TEST(HandlerPool, LendsAHandlerToOneBorrowerAtATime) {
@@ -176,9 +182,12 @@ TEST(HandlerPool, LendsAHandlerToOneBorrowerAtATime) {
 
 TEST(HandlerPool, BorrowingIntoAHeldLeaseGivesItsHandlerBackFirst) {
   CHandlerPoolSettings settings = TestSettings();
+  settings.MinHandlers = 1;
   settings.MaxHandlers = 1;
   settings.QueueWaitMs = 300;
   CHandlerPool pool(settings);
+  // Started before the short queue wait counts.
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Idle == 1; }));
   CHandlerLease lease;
   ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
   const std::uint32_t pid = lease->GetProcessId();
@@ -333,9 +342,11 @@ TEST(HandlerPool, RefusesCallersBeyondTheQueueLength) {
 
 TEST(HandlerPool, GivesUpWaitingAfterTheQueueWait) {
   CHandlerPoolSettings settings = TestSettings();
+  settings.MinHandlers = 1;
   settings.MaxHandlers = 1;
   settings.QueueWaitMs = 200;
   CHandlerPool pool(settings);
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Idle == 1; }));
   CHandlerLease held;
   ASSERT_EQ(pool.Borrow(held), EPoolWait::Ok);
   CHandlerLease late;
