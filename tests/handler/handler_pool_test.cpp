@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "handler/CHandler.h"
+#include "handler/detail/HandlerSettings.h"
 #include "tests/handler/ProcessProbe.h"
 #include "tests/handler/test_handler/TestHandler.h"
 #include "tests/support/TempDir.h"
@@ -407,6 +408,30 @@ TEST(HandlerPool, WakesAWaiterWithStartFailedWhenTheStartItWaitsForFails) {
   // The process that did start is collected.
   ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Retiring == 0; }));
   EXPECT_EQ(pool.Stats().Retired, 0u);
+}
+
+TEST(HandlerPool, StartsWithTheHandlerSettingsOfTheThreadThatMadeIt) {
+  // The program starts but never connects; the settings cut the connection wait short.
+  detail::HandlerSettings quick;
+  quick.connectTimeLimitMs = 300;
+  std::unique_ptr<CHandlerPool> pool;
+  {
+    const detail::ScopedHandlerSettings scope(quick);
+    CHandlerPoolSettings settings = TestSettings(L"--never-connect");
+    settings.QueueWaitMs = 60000;
+    settings.StopGracePeriodMs = 200;
+    pool = std::make_unique<CHandlerPool>(settings);
+  }
+  CHandlerLease lease;
+  const Clock::time_point before = Clock::now();
+  EXPECT_EQ(pool->Borrow(lease), EPoolWait::StartFailed);
+  EXPECT_LT(Clock::now() - before, 8s);  // the default connection wait is 10 s
+  // The process that never connected is killed and collected, and not counted as retired.
+  ASSERT_TRUE(WaitForPool(*pool, [](const CHandlerPoolStats& s) { return s.Retiring == 0; }));
+  const CHandlerPoolStats stats = pool->Stats();
+  EXPECT_EQ(stats.StartFailures, 1u);
+  EXPECT_EQ(stats.Retired, 0u);
+  EXPECT_EQ(stats.Killed, 0u);
 }
 
 TEST(HandlerPool, TakesASessionsHandlerOutOfThePoolAndRetiresItAfter) {
