@@ -62,10 +62,21 @@ class PoolCore {
 
   const CHandlerPoolSettings& Settings() const noexcept { return m_settings; }
 
+  // Throws what std::thread throws, with no thread left running. The starter comes last, so
+  // that nothing has been started when a thread cannot be.
   void StartThreads() {
-    m_starter = std::thread([this] { RunStarter(); });
-    m_retirer = std::thread([this] { RunRetirer(); });
-    m_collector = std::thread([this] { RunCollector(); });
+    try {
+      m_collector = std::thread([this] { RunCollector(); });
+      m_retirer = std::thread([this] { RunRetirer(); });
+      m_starter = std::thread([this] { RunStarter(); });
+    } catch (...) {
+      {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+      }
+      JoinThreads();
+      throw;
+    }
   }
 
   // Ends the threads once what they hold is done; later returns retire on their own thread.

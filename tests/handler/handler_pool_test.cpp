@@ -13,9 +13,11 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "handler/CHandler.h"
+#include "handler/detail/HandlerSettings.h"
 #include "tests/handler/ProcessProbe.h"
 #include "tests/handler/test_handler/TestHandler.h"
 #include "tests/support/TempDir.h"
@@ -112,7 +114,6 @@ TEST(HandlerPool, StartsTheMinimumAtOnceWithoutABorrower) {
 TEST(HandlerPool, GrowsToTheMaximumAndNoFurther) {
   CHandlerPoolSettings settings = TestSettings();
   settings.MaxHandlers = 3;
-  settings.QueueWaitMs = 300;
   CHandlerPool pool(settings);
   CHandlerLease leases[3];
   std::set<std::uint32_t> pids;
@@ -125,21 +126,28 @@ TEST(HandlerPool, GrowsToTheMaximumAndNoFurther) {
   EXPECT_EQ(pids.size(), 3u);
   EXPECT_EQ(pids.count(0u), 0u);
 
-  CHandlerLease fourth;
-  EXPECT_EQ(pool.Borrow(fourth), EPoolWait::TimedOut);
-  EXPECT_FALSE(fourth);
+  // A fourth borrower waits, and no fourth handler is started for it.
+  std::uint32_t fourthPid = 0;
+  std::thread fourth([&] {
+    CHandlerLease lease;
+    if (pool.Borrow(lease) == EPoolWait::Ok) fourthPid = lease->GetProcessId();
+  });
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Waiting == 1; }));
   CHandlerPoolStats stats = pool.Stats();
   EXPECT_EQ(stats.Started, 3u);
   EXPECT_EQ(stats.Busy, 3u);
   EXPECT_EQ(stats.Starting, 0u);
 
-  // A handler given back is lent again, not a new one.
+  // A handler given back goes to the waiting borrower: lent again, not a new one.
   const std::uint32_t returned = leases[1]->GetProcessId();
   leases[1].Release();
   EXPECT_FALSE(leases[1]);
-  ASSERT_EQ(pool.Borrow(fourth), EPoolWait::Ok);
-  EXPECT_EQ(fourth->GetProcessId(), returned);
-  EXPECT_EQ(pool.Stats().Started, 3u);
+  fourth.join();
+  EXPECT_EQ(fourthPid, returned);
+  stats = pool.Stats();
+  EXPECT_EQ(stats.Started, 3u);
+  EXPECT_EQ(stats.Leases, 4u);
+  EXPECT_EQ(stats.Waiting, 0u);
 }
 
 TEST(HandlerPool, LendsAHandlerToOneBorrowerAtATime) {
@@ -171,6 +179,34 @@ TEST(HandlerPool, LendsAHandlerToOneBorrowerAtATime) {
   EXPECT_EQ(secondResult, EPoolWait::Ok);
   EXPECT_EQ(secondPid, pid);
   EXPECT_EQ(pool.Stats().Leases, 2u);
+}
+
+TEST(HandlerPool, BorrowingIntoAHeldLeaseGivesItsHandlerBackFirst) {
+  CHandlerPoolSettings settings = TestSettings();
+  settings.MinHandlers = 1;
+  settings.MaxHandlers = 1;
+  settings.QueueWaitMs = 300;
+  CHandlerPool pool(settings);
+  // Started before the short queue wait counts.
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Idle == 1; }));
+  CHandlerLease lease;
+  ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
+  const std::uint32_t pid = lease->GetProcessId();
+  ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
+  EXPECT_EQ(lease->GetProcessId(), pid);
+  // Moving a lease over another gives the overwritten one's handler back.
+  CHandlerLease other = std::move(lease);
+  EXPECT_FALSE(lease);
+  ASSERT_TRUE(other);
+  lease = std::move(other);
+  ASSERT_TRUE(lease);
+  EXPECT_EQ(Echo(*lease, L"moved"), Ok);
+  CHandlerLease second;
+  EXPECT_EQ(pool.Borrow(second), EPoolWait::TimedOut);
+  lease = CHandlerLease();
+  ASSERT_EQ(pool.Borrow(second), EPoolWait::Ok);
+  EXPECT_EQ(second->GetProcessId(), pid);
+  EXPECT_EQ(pool.Stats().Started, 1u);
 }
 
 TEST(HandlerPool, RetiresAHandlerWhoseExchangeFailedAndStartsAnother) {
@@ -307,9 +343,11 @@ TEST(HandlerPool, RefusesCallersBeyondTheQueueLength) {
 
 TEST(HandlerPool, GivesUpWaitingAfterTheQueueWait) {
   CHandlerPoolSettings settings = TestSettings();
+  settings.MinHandlers = 1;
   settings.MaxHandlers = 1;
   settings.QueueWaitMs = 200;
   CHandlerPool pool(settings);
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Idle == 1; }));
   CHandlerLease held;
   ASSERT_EQ(pool.Borrow(held), EPoolWait::Ok);
   CHandlerLease late;
@@ -343,6 +381,20 @@ TEST(HandlerPool, AnswersStartFailedForAMissingProgramWithoutWaitingOut) {
   EXPECT_FALSE(pool.CanServe());
 }
 
+TEST(HandlerPool, PausesLongerAndLongerBeforeStartingABrokenProgramAgain) {
+  pendrel_test::TempDir dir;
+  CHandlerPoolSettings settings = TestSettings();
+  settings.Program = dir.WidePath(L"no-such-handler.exe");
+  settings.MinHandlers = 1;  // the pool itself keeps trying
+  CHandlerPool pool(settings);
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.StartFailures >= 1; }));
+  const Clock::time_point first = Clock::now();
+  ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.StartFailures >= 3; }));
+  // 100 ms, then 200 ms between the starts: a loop would have failed thousands of times.
+  EXPECT_GE(Clock::now() - first, 200ms);
+  EXPECT_LE(pool.Stats().StartFailures, 4u);
+}
+
 TEST(HandlerPool, WakesAWaiterWithStartFailedWhenTheStartItWaitsForFails) {
   // The program starts, but ends before it connects: noticed at once.
   CHandlerPoolSettings settings = TestSettings(L"--exit-before-connect");
@@ -356,6 +408,30 @@ TEST(HandlerPool, WakesAWaiterWithStartFailedWhenTheStartItWaitsForFails) {
   // The process that did start is collected.
   ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Retiring == 0; }));
   EXPECT_EQ(pool.Stats().Retired, 0u);
+}
+
+TEST(HandlerPool, StartsWithTheHandlerSettingsOfTheThreadThatMadeIt) {
+  // The program starts but never connects; the settings cut the connection wait short.
+  detail::HandlerSettings quick;
+  quick.connectTimeLimitMs = 300;
+  std::unique_ptr<CHandlerPool> pool;
+  {
+    const detail::ScopedHandlerSettings scope(quick);
+    CHandlerPoolSettings settings = TestSettings(L"--never-connect");
+    settings.QueueWaitMs = 60000;
+    settings.StopGracePeriodMs = 200;
+    pool = std::make_unique<CHandlerPool>(settings);
+  }
+  CHandlerLease lease;
+  const Clock::time_point before = Clock::now();
+  EXPECT_EQ(pool->Borrow(lease), EPoolWait::StartFailed);
+  EXPECT_LT(Clock::now() - before, 8s);  // the default connection wait is 10 s
+  // The process that never connected is killed and collected, and not counted as retired.
+  ASSERT_TRUE(WaitForPool(*pool, [](const CHandlerPoolStats& s) { return s.Retiring == 0; }));
+  const CHandlerPoolStats stats = pool->Stats();
+  EXPECT_EQ(stats.StartFailures, 1u);
+  EXPECT_EQ(stats.Retired, 0u);
+  EXPECT_EQ(stats.Killed, 0u);
 }
 
 TEST(HandlerPool, TakesASessionsHandlerOutOfThePoolAndRetiresItAfter) {
@@ -455,13 +531,17 @@ TEST(HandlerPool, KillsARetiredHandlerThatDoesNotEndInItsGracePeriod) {
   // The handler never returns from the request, so it cannot notice its pipe close.
   CHandlerPoolSettings settings = TestSettings(L"--hang-in-request");
   settings.ResponseTimeoutS = 1;
-  settings.StopGracePeriodMs = 200;
+  settings.StopGracePeriodMs = 2000;
   CHandlerPool pool(settings);
   CHandlerLease lease;
   ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
   const std::uint32_t pid = lease->GetProcessId();
   EXPECT_EQ(Echo(*lease, L"hang"), ResponseTimeout);
+  // The borrower does not wait for the grace period: the pool's threads do.
+  const Clock::time_point before = Clock::now();
   lease.Release();
+  EXPECT_LT(Clock::now() - before, 1000ms);
+  EXPECT_EQ(pool.Stats().Retiring, 1u);
   ASSERT_TRUE(WaitForPool(
       pool, [](const CHandlerPoolStats& s) { return s.Retired == 1 && s.Retiring == 0; }));
   EXPECT_EQ(pool.Stats().Killed, 1u);
