@@ -139,6 +139,11 @@ void AddPart(GMimeMultipart* multipart, const char* type, const char* subtype,
   g_mime_multipart_add(multipart, object);
 }
 
+// Text with non-ASCII bytes, "=", blanks at its end and a line longer than
+// quoted-printable's 76 characters, so GMime escapes, pads and breaks it. (It holds no line
+// end: those a writer may turn into its own.)
+const std::string kQuoted = "na\xC3\xAFve = 1 \t" + std::string(200, 'x') + " end ";
+
 TEST_F(GMimeTest, MixedBodiesItWritesAreRead) {
   const std::string binary = "\0\x01\r\n--\xFF"s + std::string(5000, 'b');
   for (GMimeNewLineFormat newLine : {GMIME_NEWLINE_FORMAT_UNIX, GMIME_NEWLINE_FORMAT_DOS}) {
@@ -150,7 +155,16 @@ TEST_F(GMimeTest, MixedBodiesItWritesAreRead) {
             GMIME_CONTENT_ENCODING_BINARY);
     AddPart(multipart.get(), "text", "plain", "inline", {}, "plain text",
             GMIME_CONTENT_ENCODING_7BIT);
+    AddPart(multipart.get(), "text", "csv", "inline", {{"filename", "t.csv"}}, kQuoted,
+            GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
     const Written written = WriteWithGMime(multipart.get(), newLine);
+    // The forms asked for were written.
+    EXPECT_NE(written.body.find("filename*=UTF-8''"), std::string::npos) << written.body;
+    EXPECT_NE(written.body.find("filename*=iso-8859-1''caf%E9.png"), std::string::npos);
+    EXPECT_NE(written.body.find("Content-Transfer-Encoding: binary"), std::string::npos);
+    EXPECT_NE(written.body.find("na=C3=AFve =3D 1"), std::string::npos);
+    EXPECT_NE(written.body.find(newLine == GMIME_NEWLINE_FORMAT_DOS ? "=\r\n" : "=\n"),
+              std::string::npos);  // a soft line break
 
     PendrelServer::CHttpRequestParts parts;
     parts.Path = "/PING/S";
@@ -161,7 +175,8 @@ TEST_F(GMimeTest, MixedBodiesItWritesAreRead) {
                                                                     << written.contentType;
     const std::vector<Expected> expected = {{Pendrel::Pdf, L"", L"отчёт.pdf", "%PDF" + binary},
                                             {Pendrel::Png, L"", L"café.png", binary},
-                                            {Pendrel::Text, L"", L"", "plain text"}};
+                                            {Pendrel::Text, L"", L"", "plain text"},
+                                            {Pendrel::Csv, L"", L"t.csv", kQuoted}};
     ASSERT_EQ(read.Request.InputData.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) {
       SCOPED_TRACE(i);

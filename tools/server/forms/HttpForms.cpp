@@ -1,7 +1,10 @@
 #include "tools/server/forms/HttpForms.h"
 
 #include <cwctype>  // std::towupper
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <boost/url/parse_path.hpp>
 #include <boost/url/parse_query.hpp>
@@ -9,6 +12,7 @@
 #include "tools/server/forms/detail/Base64Decode.h"
 #include "tools/server/forms/detail/HeaderField.h"
 #include "tools/server/forms/detail/Multipart.h"
+#include "tools/server/forms/detail/QuotedPrintable.h"
 #include "tools/server/forms/detail/Utf8.h"
 
 namespace PendrelServer {
@@ -180,7 +184,14 @@ bool AppendPartContent(const CMultipartPart& part, std::string& out, std::string
     problem = "a part's base64 content is not valid base64";
     return false;
   }
-  problem = "a part's Content-Transfer-Encoding is not one of base64, binary, 8bit and 7bit";
+  if (name == "quoted-printable") {
+    if (detail::AppendQuotedPrintableDecoded(part.Content, out)) return true;
+    problem = "a part's quoted-printable content holds an \"=\" that is not an escape";
+    return false;
+  }
+  problem =
+      "a part's Content-Transfer-Encoding is not one of base64, quoted-printable, binary, 8bit "
+      "and 7bit";
   return false;
 }
 

@@ -7,18 +7,27 @@
 //   path   "/{Command}/{second}/{k1}/{v1}/…": `second` is the CommandAtribute for REF, SREF,
 //          DOC, SDOC, SIMPLEX and DUPLEX, else the session key (empty: no session); the pairs
 //          are the CommandParams, keys kept as written.
-//   query  "k=v&…": the RequestParams, keys folded to upper case (towupper), as the record's
-//          lookups expect them. A "+" is a plus sign, not a blank (the library writes values
-//          unescaped, so a blank arrives as %20).
+//   query  "k=v&…": the RequestParams, keys folded to upper case by the C library's towupper
+//          (as the record's lookups fold theirs, under the same locale). A "+" is a plus
+//          sign, not a blank (the library writes values unescaped, so a blank arrives as %20).
 //   body   by Content-Type (type and subtype case-insensitive):
-//          - absent or application/json, with an empty body and no file name: no file;
+//          - absent or application/json, with an empty body and neither a `name` nor a
+//            `filename`: no file (so the library's single JSON file that is empty and has
+//            neither name reads back as no file: its form is the same);
 //          - application/vnd.pendrel.request+json: the request's JSON document, which is the
 //            whole request (see ReadRequest);
-//          - multipart/mixed: one file per part, in order; parts base64, 7bit, 8bit or
-//            binary;
-//          - multipart/form-data: parts with a `filename` become files, the other fields
-//            request parameters (after those of the query; the first of a key wins);
-//          - anything else: the body is one file.
+//          - multipart/mixed: one file per part, in order, as the library writes them (a part
+//            without Content-Type is text/plain); parts base64, quoted-printable, 7bit, 8bit
+//            or binary;
+//          - multipart/form-data: parts with a `filename` become files (Name: the file name
+//            without its last extension; Type: the part's type, or by the file name's
+//            extension when the part names none or one the library does not know; a part
+//            with an empty `filename` and no content, a file input left empty, is skipped);
+//            the other fields become request parameters (after those of the query; the first
+//            of a key wins);
+//          - anything else: the body is one file: Type from the MIME name (Binary when the
+//            library does not know it), Name from the Content-Type's `name`, FileName from the
+//            Content-Disposition's `filename`, Data the body itself.
 // Path and query are percent-decoded and then read as UTF-8; so are the names in header
 // fields. Quoted names are taken as written, without backslash escapes: the library writes
 // them that way, and so do browsers and curl for form data (which send `"`, CR and LF as %22,
