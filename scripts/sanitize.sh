@@ -92,6 +92,7 @@ tsan_programs=(
   "pendrel_pipe_test"
   "pendrel_handler_test"
   "pendrel_handler_process_test"
+  "pendrel_handler_pool_test"
   "pendrel_handler_kit_test"
   "pendrel_reliability_test --gtest_filter=-HugeMessage.QuarterGibibyteGoesEachWayIntact"
 )

@@ -2,7 +2,9 @@
 // the connection and of the channel, the pipe names to try first and the transaction log's
 // folder. Hosts never change them. Tests do, for one thread and one scope at a time, with a
 // ScopedHandlerSettings; Start copies what it needs into the handler it starts, so a handler
-// keeps its settings after the scope ends and on every thread.
+// keeps its settings after the scope ends and on every thread. A CHandlerPool takes the
+// settings in force on the thread that constructs it (without the pipe names) for every
+// handler it starts on its own threads.
 #pragma once
 
 #include <cstdint>
