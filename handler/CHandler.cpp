@@ -164,6 +164,11 @@ CHandlerExit CHandler::Stop(std::uint32_t waitMs) {
   return waitForExit(milliseconds(waitMs));
 }
 
+std::uint32_t CHandler::GetProcessId() {
+  const std::shared_ptr<detail::Connection> connection = m_state->connection;
+  return connection ? connection->child.Id() : 0;
+}
+
 std::uint32_t CHandler::GetStartErrorNumber() { return m_state->startError; }
 
 EErrorCode CHandler::HandleRequest(const Pendrel::CRequest& request, Pendrel::CResponse& response) {

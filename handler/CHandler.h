@@ -32,6 +32,10 @@
 
 namespace CTolvane {
 
+namespace detail {
+struct HandlerAccess;  // the library's own view of a handler (handler/detail/HandlerAccess.h)
+}
+
 // What a handler operation returns and LastError reports.
 enum EErrorCode : std::int32_t {
   Ok = 0,
@@ -207,6 +211,7 @@ class PENDREL_API CHandler {
   std::wstring GetKesh2SessionID();
   std::wstring GetKesh2SessionStartTime();
 
+  friend struct detail::HandlerAccess;
   struct State;
   std::unique_ptr<State> m_state;
 };

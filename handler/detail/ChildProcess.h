@@ -81,6 +81,13 @@ class ChildProcess {
   std::unique_ptr<Impl> m_impl;
 };
 
+// Whether `end` is how the supervision's kill ends a released process, given whether the
+// process was seen to end no sooner than its grace period after Release (`outlivedGrace`).
+// Linux: SIGKILL after the grace period. Windows: TerminateProcess leaves exit code 1, which
+// a handler could also give itself, so there it counts only after the grace period: by then
+// the process would have been killed anyway.
+bool EndedByKill(const CHandlerExit& end, bool outlivedGrace);
+
 // Tests: while set, `observer` is called on the supervision thread with the id and the end
 // of every child as it is collected after Release (or, on Linux, also before). Pass an
 // empty function to stop. Any thread.

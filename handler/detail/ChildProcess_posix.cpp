@@ -446,6 +446,10 @@ std::uint32_t OpenOutput(const ChildOptions& options, SpawnPlan& plan) {
 
 }  // namespace
 
+bool EndedByKill(const CHandlerExit& end, bool outlivedGrace) {
+  return outlivedGrace && end.How == EHandlerEnd::Signaled && end.Code == SIGKILL;
+}
+
 void SetCollectedObserver(std::function<void(std::uint32_t, const CHandlerExit&)> observer) {
   const std::lock_guard<std::mutex> lock(g_observerMutex);
   g_observer = std::move(observer);

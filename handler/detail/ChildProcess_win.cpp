@@ -201,6 +201,11 @@ class InheritList {
 
 }  // namespace
 
+bool EndedByKill(const CHandlerExit& end, bool outlivedGrace) {
+  return outlivedGrace && end.How == EHandlerEnd::Exited &&
+         end.Code == static_cast<std::int32_t>(kKilledExitCode);
+}
+
 void SetCollectedObserver(std::function<void(std::uint32_t, const CHandlerExit&)> observer) {
   const std::lock_guard<std::mutex> lock(g_observerMutex);
   g_observer = std::move(observer);

@@ -1,0 +1,516 @@
+#include "tools/server/Network.h"
+
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <charconv>  // std::from_chars
+#include <condition_variable>
+#include <csignal>  // SIGTERM, SIGINT, SIGHUP
+#include <cstdio>   // std::fprintf
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+
+#include "tools/server/Server.h"
+
+namespace PendrelServer {
+namespace {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kKeepAliveIdle = std::chrono::seconds(75);
+constexpr auto kHeaderTime = std::chrono::seconds(10);
+constexpr auto kBodyStepTime = std::chrono::seconds(30);
+constexpr auto kWriteTime = std::chrono::seconds(60);
+// After an answer that leaves a body unread, the rest is read and dropped for this long
+// before the socket closes, so that the client sees the answer rather than a reset.
+constexpr auto kLingerTime = std::chrono::seconds(3);
+constexpr std::uint32_t kHeaderLimit = 64 * 1024;
+constexpr std::size_t kFirstRead = 4096;
+
+class CConnection;
+
+}  // namespace
+
+struct CNetwork::Impl {
+  // Declared first so that it outlives the I/O context and the workers, whose pending work
+  // holds connections that unregister here when destroyed.
+  std::mutex Lock;
+  std::condition_variable Idle;
+  std::size_t InFlight = 0;                                                  // under Lock
+  bool Draining = false;                                                     // under Lock
+  std::unordered_map<CConnection*, std::weak_ptr<CConnection>> Connections;  // under Lock
+
+  CServer& Server;
+  net::io_context Io;
+  net::executor_work_guard<net::io_context::executor_type> Work;
+  net::thread_pool Workers;
+  net::signal_set Signals;
+  std::function<void(int)> OnSignal;
+  std::vector<std::unique_ptr<tcp::acceptor>> Acceptors;  // touched on the I/O threads after Start
+  std::vector<std::thread> IoThreads;
+
+  Impl(CServer& server, std::uint32_t workers)
+      : Server(server),
+        Io(static_cast<int>(IoThreadCount())),
+        Work(net::make_work_guard(Io)),
+        Workers(workers),
+        Signals(Io) {}
+
+  static unsigned IoThreadCount() {
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores == 0 ? 1 : (cores > 4 ? 4 : cores);
+  }
+
+  void Accept(tcp::acceptor& acceptor);
+  void WaitSignal() {
+    Signals.async_wait([this](const beast::error_code& ec, int signal) {
+      if (ec) return;
+      if (OnSignal) OnSignal(signal);
+      WaitSignal();
+    });
+  }
+  void RequestBegan() {
+    std::lock_guard<std::mutex> hold(Lock);
+    ++InFlight;
+  }
+  void RequestEnded() {
+    std::lock_guard<std::mutex> hold(Lock);
+    if (--InFlight == 0) Idle.notify_all();
+  }
+  bool IsDraining() {
+    std::lock_guard<std::mutex> hold(Lock);
+    return Draining;
+  }
+};
+
+namespace {
+
+// One accepted connection. Its handlers run on its own strand, one at a time.
+class CConnection : public std::enable_shared_from_this<CConnection> {
+ public:
+  CConnection(tcp::socket&& socket, CNetwork::Impl& network)
+      : m_stream(std::move(socket)), m_network(network), m_server(network.Server) {}
+
+  ~CConnection() {
+    std::lock_guard<std::mutex> hold(m_network.Lock);
+    m_network.Connections.erase(this);
+  }
+
+  void Start() {
+    {
+      std::lock_guard<std::mutex> hold(m_network.Lock);
+      m_network.Connections.emplace(this, weak_from_this());
+    }
+    net::dispatch(m_stream.get_executor(), [self = shared_from_this()] { self->WaitForRequest(); });
+  }
+
+  // Any thread: ends the connection if it waits for a request; else its answer closes it.
+  void Drain() {
+    net::post(m_stream.get_executor(), [self = shared_from_this()] {
+      self->m_draining = true;
+      if (!self->m_inRequest && !self->m_closed) self->m_stream.cancel();
+    });
+  }
+
+ private:
+  void WaitForRequest() {
+    if (m_draining || m_network.IsDraining()) return Close();
+    if (m_buffer.size() > 0) return ReadHeader();
+    m_stream.expires_after(kKeepAliveIdle);
+    m_stream.async_read_some(
+        m_buffer.prepare(kFirstRead),
+        [self = shared_from_this()](const beast::error_code& ec, std::size_t bytes) {
+          if (ec) return self->Close();
+          self->m_buffer.commit(bytes);
+          self->ReadHeader();
+        });
+  }
+
+  void ReadHeader() {
+    m_parser.emplace();
+    m_parser->header_limit(kHeaderLimit);
+    m_parser->body_limit(boost::none);  // set once the route is known
+    m_stream.expires_after(kHeaderTime);
+    http::async_read_header(
+        m_stream, m_buffer, *m_parser,
+        [self = shared_from_this()](const beast::error_code& ec, std::size_t bytes) {
+          self->OnHeader(ec, bytes);
+        });
+  }
+
+  void OnHeader(const beast::error_code& ec, std::size_t bytes) {
+    if (ec == http::error::header_limit) {
+      Begin(bytes);
+      return Answer(Problem(431, "the request's header is over 64 KiB"), true);
+    }
+    if (ec == http::error::end_of_stream || ec == beast::error::timeout ||
+        ec == net::error::operation_aborted || ec == net::error::connection_reset ||
+        ec == net::error::eof) {
+      return Close();
+    }
+    if (ec) {
+      Begin(bytes);
+      return Answer(Problem(400, "the request is not well-formed HTTP: " + ec.message()), true);
+    }
+    Begin(bytes);
+    const auto& request = m_parser->get();
+    m_method = std::string(request.method_string());
+    m_target = std::string(request.target());
+    m_version = request.version();
+    m_keepAlive = request.keep_alive();
+    if (const auto id = request.find("X-Request-Id"); id != request.end() && UsableId(id->value())) {
+      m_requestId = std::string(id->value());
+    } else {
+      m_requestId = m_server.MakeRequestId();
+    }
+    m_routed = m_server.Route(m_method, m_target);
+    m_label = m_routed.Label;
+    const bool bodyFollows = !m_parser->is_done();
+    switch (m_routed.Kind) {
+      case CRouted::EKind::Reject:
+        return Answer(std::move(m_routed.Rejection), bodyFollows);
+      case CRouted::EKind::Health:
+      case CRouted::EKind::Metrics:
+        return Answer(m_server.Inline(m_routed), bodyFollows);
+      case CRouted::EKind::Mount:
+        break;
+    }
+    if (const auto length = m_parser->content_length(); length && *length > m_routed.MaxBody) {
+      return Answer(Problem(413, "the body of " + std::to_string(*length) +
+                                     " bytes is over the limit of " +
+                                     std::to_string(m_routed.MaxBody) + " bytes"),
+                    true);
+    }
+    m_parser->body_limit(m_routed.MaxBody);
+    const auto expect = request.find(http::field::expect);
+    if (bodyFollows && expect != request.end() && beast::iequals(expect->value(), "100-continue")) {
+      auto goOn = std::make_shared<http::response<http::empty_body>>(http::status::continue_,
+                                                                    m_version);
+      m_stream.expires_after(kWriteTime);
+      http::async_write(m_stream, *goOn,
+                        [self = shared_from_this(), goOn](const beast::error_code& ec, std::size_t) {
+                          if (ec) return self->Close();
+                          self->ReadBody();
+                        });
+      return;
+    }
+    ReadBody();
+  }
+
+  void ReadBody() {
+    if (m_parser->is_done()) return Dispatch();
+    m_stream.expires_after(kBodyStepTime);
+    http::async_read_some(
+        m_stream, m_buffer, *m_parser,
+        [self = shared_from_this()](const beast::error_code& ec, std::size_t bytes) {
+          self->m_bytesIn += bytes;
+          if (ec == http::error::body_limit) {
+            return self->Answer(Problem(413, "the body is over the limit of " +
+                                                 std::to_string(self->m_routed.MaxBody) + " bytes"),
+                                true);
+          }
+          if (ec == beast::error::timeout) {
+            self->m_status = 408;
+            return self->Close();
+          }
+          if (ec == http::error::end_of_stream || ec == net::error::eof ||
+              ec == net::error::operation_aborted || ec == net::error::connection_reset ||
+              ec == http::error::partial_message) {
+            return self->Close();
+          }
+          if (ec) {
+            return self->Answer(
+                Problem(400, "the request's body is not well-formed: " + ec.message()), true);
+          }
+          self->ReadBody();
+        });
+  }
+
+  void Dispatch() {
+    m_stream.expires_never();
+    http::request<http::string_body> request = m_parser->release();
+    std::string contentType(request[http::field::content_type]);
+    net::post(m_network.Workers, [self = shared_from_this(), routed = std::move(m_routed),
+                                  method = m_method, contentType = std::move(contentType),
+                                  body = std::move(request.body())]() mutable {
+      CReply reply;
+      try {
+        reply = self->m_server.Handle(std::move(routed), std::move(method), std::move(contentType),
+                                      std::move(body));
+      } catch (const std::exception& e) {
+        reply = Problem(500, std::string("the server failed: ") + e.what());
+      }
+      net::post(self->m_stream.get_executor(), [self, reply = std::move(reply)]() mutable {
+        self->Answer(std::move(reply), false);
+      });
+    });
+  }
+
+  void Answer(CReply reply, bool close) {
+    if (m_draining || m_network.IsDraining()) close = true;
+    auto response = std::make_shared<http::response<http::string_body>>();
+    response->version(m_version);
+    response->result(reply.Status);
+    for (auto& [name, value] : reply.Fields) response->insert(name, value);
+    response->set(http::field::server, "pendrel");
+    response->set("X-Request-Id", m_requestId);
+    response->body() = std::move(reply.Body);
+    response->keep_alive(m_keepAlive && !close);
+    response->prepare_payload();
+    m_status = reply.Status;
+    m_pid = reply.HandlerPid;
+    const bool keepAlive = response->keep_alive();
+    const bool unreadBody = m_parser && !m_parser->is_done();
+    m_stream.expires_after(kWriteTime);
+    http::async_write(m_stream, *response,
+                      [self = shared_from_this(), response, keepAlive, unreadBody](
+                          const beast::error_code& ec, std::size_t bytes) {
+                        self->m_bytesOut += bytes;
+                        self->End();
+                        if (ec) return self->Close();
+                        if (!keepAlive) return unreadBody ? self->Linger() : self->Close();
+                        self->WaitForRequest();
+                      });
+  }
+
+  // Sends FIN, then reads and drops what the client still sends, for a bounded time.
+  void Linger() {
+    beast::error_code ignored;
+    m_stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+    m_lingerUntil = Clock::now() + kLingerTime;
+    LingerRead();
+  }
+  void LingerRead() {
+    m_stream.expires_at(m_lingerUntil);
+    m_buffer.clear();
+    m_stream.async_read_some(m_buffer.prepare(65536),
+                             [self = shared_from_this()](const beast::error_code& ec, std::size_t) {
+                               if (ec) return self->Close();
+                               self->LingerRead();
+                             });
+  }
+
+  void Begin(std::size_t headerBytes) {
+    m_inRequest = true;
+    m_started = Clock::now();
+    m_bytesIn = headerBytes;
+    m_bytesOut = 0;
+    m_status = 0;
+    m_pid = 0;
+    m_method = "-";
+    m_target = "-";
+    m_label.clear();
+    m_requestId = m_server.MakeRequestId();
+    m_network.RequestBegan();
+  }
+
+  void End() {
+    if (!m_inRequest) return;
+    m_inRequest = false;
+    CLogEntry entry;
+    entry.Method = m_method;
+    entry.Target = m_target;
+    entry.Label = m_label;
+    entry.Status = m_status ? m_status : 499;  // 499: the client went away before its answer
+    entry.BytesIn = m_bytesIn;
+    entry.BytesOut = m_bytesOut;
+    entry.Seconds = std::chrono::duration<double>(Clock::now() - m_started).count();
+    entry.HandlerPid = m_pid;
+    entry.RequestId = m_requestId;
+    m_server.Finished(entry);
+    m_network.RequestEnded();
+  }
+
+  void Close() {
+    End();
+    if (m_closed) return;
+    m_closed = true;
+    beast::error_code ignored;
+    m_stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
+    m_stream.close();
+  }
+
+  // An X-Request-Id to pass on: 1 to 128 characters of letters, digits and "-._:".
+  static bool UsableId(beast::string_view id) {
+    if (id.empty() || id.size() > 128) return false;
+    for (const char c : id) {
+      const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                      c == '-' || c == '.' || c == '_' || c == ':';
+      if (!ok) return false;
+    }
+    return true;
+  }
+
+  beast::tcp_stream m_stream;
+  beast::flat_buffer m_buffer;
+  std::optional<http::request_parser<http::string_body>> m_parser;
+  CNetwork::Impl& m_network;
+  CServer& m_server;
+  CRouted m_routed;
+  bool m_draining = false;
+  bool m_closed = false;
+  Clock::time_point m_lingerUntil;
+  // The request in hand.
+  bool m_inRequest = false;
+  Clock::time_point m_started;
+  std::string m_method;
+  std::string m_target;
+  std::string m_label;
+  std::string m_requestId;
+  unsigned m_version = 11;
+  bool m_keepAlive = true;
+  unsigned m_status = 0;
+  std::uint32_t m_pid = 0;
+  std::uint64_t m_bytesIn = 0;
+  std::uint64_t m_bytesOut = 0;
+};
+
+// "127.0.0.1:8080", "[::1]:0", "localhost" not: addresses only.
+bool ParseEndpoint(const std::string& text, tcp::endpoint& endpoint, std::string& error) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
+    error = "the listen address \"" + text + "\" is not ADDR:PORT";
+    return false;
+  }
+  std::string host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  unsigned port = 0;
+  const char* first = text.data() + colon + 1;
+  const char* last = text.data() + text.size();
+  auto [end, ec] = std::from_chars(first, last, port);
+  if (ec != std::errc() || end != last || port > 65535) {
+    error = "the listen address \"" + text + "\" has no port number from 0 to 65535";
+    return false;
+  }
+  beast::error_code bad;
+  const net::ip::address address = net::ip::make_address(host, bad);
+  if (bad) {
+    error = "the listen address \"" + text + "\" does not start with an IP address";
+    return false;
+  }
+  endpoint = tcp::endpoint(address, static_cast<unsigned short>(port));
+  return true;
+}
+
+std::string EndpointText(const tcp::endpoint& endpoint) {
+  const std::string address = endpoint.address().to_string();
+  return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
+         std::to_string(endpoint.port());
+}
+
+}  // namespace
+
+void CNetwork::Impl::Accept(tcp::acceptor& acceptor) {
+  acceptor.async_accept(net::make_strand(Io), [this, &acceptor](const beast::error_code& ec,
+                                                               tcp::socket socket) {
+    if (ec == net::error::operation_aborted || !acceptor.is_open()) return;
+    if (ec) {
+      // Out of descriptors, say: try again shortly rather than spin.
+      std::fprintf(stderr, "pendrel serve: accepting a connection failed: %s\n",
+                   ec.message().c_str());
+      auto timer = std::make_shared<net::steady_timer>(Io, std::chrono::milliseconds(100));
+      timer->async_wait([this, &acceptor, timer](const beast::error_code&) {
+        if (acceptor.is_open()) Accept(acceptor);
+      });
+      return;
+    }
+    beast::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    std::make_shared<CConnection>(std::move(socket), *this)->Start();
+    Accept(acceptor);
+  });
+}
+
+CNetwork::CNetwork(CServer& server, std::uint32_t workers)
+    : m_impl(std::make_unique<Impl>(server, workers)) {}
+
+CNetwork::~CNetwork() { Stop(true); }
+
+bool CNetwork::Listen(const std::vector<std::string>& addresses, std::string& error) {
+  for (const std::string& text : addresses) {
+    tcp::endpoint endpoint;
+    if (!ParseEndpoint(text, endpoint, error)) return false;
+    auto acceptor = std::make_unique<tcp::acceptor>(m_impl->Io);
+    beast::error_code ec;
+    acceptor->open(endpoint.protocol(), ec);
+    if (!ec) acceptor->set_option(net::socket_base::reuse_address(true), ec);
+    if (!ec) acceptor->bind(endpoint, ec);
+    if (!ec) acceptor->listen(net::socket_base::max_listen_connections, ec);
+    if (ec) {
+      error = "cannot listen on " + text + ": " + ec.message();
+      return false;
+    }
+    const tcp::endpoint bound = acceptor->local_endpoint(ec);
+    std::fprintf(stderr, "pendrel serve: listening on %s\n", EndpointText(bound).c_str());
+    m_impl->Acceptors.push_back(std::move(acceptor));
+  }
+  std::fflush(stderr);
+  return true;
+}
+
+void CNetwork::HandleSignals(std::function<void(int)> onSignal) {
+  m_impl->OnSignal = std::move(onSignal);
+  m_impl->Signals.add(SIGTERM);
+  m_impl->Signals.add(SIGINT);
+  m_impl->Signals.add(SIGHUP);
+  m_impl->WaitSignal();
+}
+
+void CNetwork::Start() {
+  for (auto& acceptor : m_impl->Acceptors) m_impl->Accept(*acceptor);
+  const unsigned count = Impl::IoThreadCount();
+  for (unsigned i = 0; i < count; ++i) {
+    m_impl->IoThreads.emplace_back([this] { m_impl->Io.run(); });
+  }
+}
+
+void CNetwork::StopAccepting() {
+  net::post(m_impl->Io, [impl = m_impl.get()] {
+    for (auto& acceptor : impl->Acceptors) {
+      beast::error_code ignored;
+      acceptor->close(ignored);
+    }
+  });
+  std::vector<std::shared_ptr<CConnection>> connections;
+  {
+    std::lock_guard<std::mutex> hold(m_impl->Lock);
+    m_impl->Draining = true;
+    for (auto& [pointer, weak] : m_impl->Connections) {
+      if (auto connection = weak.lock()) connections.push_back(std::move(connection));
+    }
+  }
+  for (auto& connection : connections) connection->Drain();
+}
+
+bool CNetwork::WaitIdle(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock<std::mutex> hold(m_impl->Lock);
+  return m_impl->Idle.wait_until(hold, deadline, [&] { return m_impl->InFlight == 0; });
+}
+
+void CNetwork::Stop(bool joinWorkers) {
+  m_impl->Signals.cancel();
+  m_impl->Work.reset();
+  m_impl->Io.stop();
+  for (std::thread& thread : m_impl->IoThreads) {
+    if (thread.joinable()) thread.join();
+  }
+  m_impl->IoThreads.clear();
+  if (joinWorkers) m_impl->Workers.join();
+}
+
+}  // namespace PendrelServer

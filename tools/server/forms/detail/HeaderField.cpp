@@ -1,0 +1,122 @@
+#include "tools/server/forms/detail/HeaderField.h"
+
+#include <iterator>  // std::make_move_iterator
+
+namespace PendrelServer::detail {
+namespace {
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Where the quoted value that starts after `open` ends: the first quote followed by blanks
+// and then ";" or the end. npos when there is none.
+std::size_t FindClosingQuote(std::string_view field, std::size_t open) {
+  for (std::size_t quote = field.find('"', open + 1); quote != std::string_view::npos;
+       quote = field.find('"', quote + 1)) {
+    std::size_t after = quote + 1;
+    while (after < field.size() && IsBlank(field[after])) ++after;
+    if (after == field.size() || field[after] == ';') return quote;
+  }
+  return std::string_view::npos;
+}
+
+// An RFC 2231 value: charset "'" language "'" percent-encoded text. Only UTF-8 is read.
+bool ReadExtendedValue(std::string_view value, std::string& out) {
+  const std::size_t first = value.find('\'');
+  if (first == std::string_view::npos) return false;
+  const std::size_t second = value.find('\'', first + 1);
+  if (second == std::string_view::npos) return false;
+  if (AsciiLower(value.substr(0, first)) != "utf-8") return false;
+  return PercentDecode(value.substr(second + 1), out);
+}
+
+}  // namespace
+
+const std::string* CHeaderValue::Find(std::string_view name) const {
+  for (const auto& [key, value] : Parameters) {
+    if (key == name) return &value;
+  }
+  return nullptr;
+}
+
+std::string AsciiLower(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
+std::string_view TrimBlanks(std::string_view text) {
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+bool PercentDecode(std::string_view text, std::string& out) {
+  out.clear();
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out += text[i];
+      continue;
+    }
+    if (text.size() - i < 3) return false;
+    const int high = HexValue(text[i + 1]);
+    const int low = HexValue(text[i + 2]);
+    if (high < 0 || low < 0) return false;
+    out += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  return true;
+}
+
+bool ReadHeaderValue(std::string_view field, CHeaderValue& out) {
+  out.Value.clear();
+  out.Parameters.clear();
+  std::size_t pos = field.find(';');
+  out.Value = AsciiLower(TrimBlanks(field.substr(0, pos)));
+  // Extended values found, to put in front of the plain ones at the end.
+  std::vector<std::pair<std::string, std::string>> extended;
+  while (pos < field.size()) {
+    ++pos;  // the ";"
+    const std::size_t equals = field.find('=', pos);
+    const std::size_t semicolon = field.find(';', pos);
+    if (equals == std::string_view::npos || equals > semicolon) {
+      pos = semicolon;  // no "=": skipped
+      continue;
+    }
+    std::string name = AsciiLower(TrimBlanks(field.substr(pos, equals - pos)));
+    std::size_t start = equals + 1;
+    while (start < field.size() && IsBlank(field[start])) ++start;
+    std::string value;
+    if (start < field.size() && field[start] == '"') {
+      const std::size_t close = FindClosingQuote(field, start);
+      if (close == std::string_view::npos) return false;
+      value.assign(field.substr(start + 1, close - start - 1));
+      pos = field.find(';', close);
+    } else {
+      value.assign(TrimBlanks(field.substr(start, semicolon - start)));
+      pos = semicolon;
+    }
+    if (!name.empty() && name.back() == '*') {
+      name.pop_back();
+      std::string decoded;
+      if (!ReadExtendedValue(value, decoded)) return false;
+      extended.emplace_back(std::move(name), std::move(decoded));
+    } else {
+      out.Parameters.emplace_back(std::move(name), std::move(value));
+    }
+  }
+  out.Parameters.insert(out.Parameters.begin(), std::make_move_iterator(extended.begin()),
+                        std::make_move_iterator(extended.end()));
+  return true;
+}
+
+}  // namespace PendrelServer::detail
