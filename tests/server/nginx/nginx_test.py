@@ -18,6 +18,7 @@ import http.client
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -203,6 +204,30 @@ class Cluster:
                 self.changed.wait(left)
 
 
+def handler_pids(output):
+    """The handler process ids named by an instance's access-log lines."""
+    pids = set()
+    with output.changed:
+        for line in output.lines:
+            if line.startswith("{"):
+                pid = json.loads(line).get("handler_pid", 0)
+                if pid:
+                    pids.add(pid)
+    return pids
+
+
+def wait_for_end(pid, limit_s):
+    """True once the process `pid` has ended (a pidfd becomes readable), False after limit_s."""
+    try:
+        descriptor = os.pidfd_open(pid)
+    except ProcessLookupError:
+        return True
+    try:
+        return bool(select.select([descriptor], [], [], limit_s)[0])
+    finally:
+        os.close(descriptor)
+
+
 def stats_request(cluster, session=""):
     """A STATS request of the example handler with a small text file, in a session or none."""
     return cluster.request("POST", f"{MOUNT}/STATS/{session}", body=b"one two\nthree\n",
@@ -266,8 +291,13 @@ class NginxInFront(unittest.TestCase):
 
     def test_3_with_one_instance_killed_new_requests_go_to_the_other(self):
         victim = self.cluster.instances[1]
+        handlers = handler_pids(victim.output)
+        self.assertTrue(handlers, "the instance to kill has served nothing")
         victim.process.send_signal(signal.SIGKILL)
         victim.process.wait(timeout=START_LIMIT_S)
+        # Its handlers end with it (they are told when their parent dies).
+        for pid in handlers:
+            self.assertTrue(wait_for_end(pid, START_LIMIT_S), f"handler {pid} still runs")
         for _ in range(6):
             status, body, request_id = stats_request(self.cluster)
             self.check(status, body)
