@@ -98,12 +98,12 @@ class Process:
         self.process.stderr.close()
 
 
-def start_pendrel(options, folder):
+def start_pendrel(options):
     workers = str(options.workers)
     server = Process("pendrel serve", [
         options.pendrel, "serve", "--listen", "127.0.0.1:0", "--mount", f"/echo={options.echo}",
         "--workers", workers, "--pool-min", workers, "--pool-max", workers,
-        "--timeout", "120", "--max-body", str(256 * MiB)], cwd=folder)
+        "--timeout", "120", "--max-body", str(256 * MiB)])
     address = server.wait_for(LISTENING.pattern).group(1)
     return server, f"http://{address}/echo/ECHO"
 
@@ -152,17 +152,14 @@ http {{
   fastcgi_temp_path temp/fastcgi;
   uwsgi_temp_path temp/uwsgi;
   scgi_temp_path temp/scgi;
-  upstream php {{
-    server unix:{socket_path};
-    keepalive 64;
-  }}
   server {{
     listen 127.0.0.1:{port};
     client_max_body_size 0;
     client_body_buffer_size 1m;
     location / {{
-      fastcgi_pass php;
-      fastcgi_keep_conn on;
+      # A connection per request, as usual for php-fpm: a kept-alive connection would hold
+      # one of its few children idle while the other nginx worker waits for one.
+      fastcgi_pass unix:{socket_path};
       fastcgi_request_buffering off;
       fastcgi_buffering off;
       fastcgi_param SCRIPT_FILENAME {HERE}/echo.php;
@@ -271,7 +268,7 @@ def main(argv):
     started = []
     results = []
     try:
-        pendrel, pendrel_url = start_pendrel(options, folder)
+        pendrel, pendrel_url = start_pendrel(options)
         started.append(pendrel)
         peers, php_url = start_php(options, folder)
         started.extend(peers)
