@@ -155,12 +155,14 @@ http {{
   server {{
     listen 127.0.0.1:{port};
     client_max_body_size 0;
-    client_body_buffer_size 1m;
+    client_body_buffer_size 2m;
     location / {{
       # A connection per request, as usual for php-fpm: a kept-alive connection would hold
       # one of its few children idle while the other nginx worker waits for one.
       fastcgi_pass unix:{socket_path};
-      fastcgi_request_buffering off;
+      # nginx reads the whole body before it takes a php-fpm child (its default): streamed,
+      # 64 slow uploads would hold the 4 children, and in a trial they stalled for seconds.
+      fastcgi_request_buffering on;
       fastcgi_buffering off;
       fastcgi_param SCRIPT_FILENAME {HERE}/echo.php;
       fastcgi_param REQUEST_METHOD $request_method;
@@ -282,7 +284,7 @@ def main(argv):
                     report = run_wrk(options, url, size, connections, seconds)
                     item = entry(f"Server/{case}/{connections}/{server}", size, report)
                     results.append(item)
-                    print(f"{item['name']}: {item['requests_per_second']:.0f} requests/s, "
+                    print(f"{item['name']}: {item['requests_per_second']:.1f} requests/s, "
                           f"p50 {item['p50_us'] / 1000:.2f} ms, p99 {item['p99_us'] / 1000:.2f} ms"
                           + (f", FAILED: {item['error_message']}" if "error_occurred" in item
                              else ""), flush=True)
