@@ -235,6 +235,7 @@ class PoolCore {
     ++slot.leases;
     ++m_leases;
     ++(session ? m_sessions : m_busy);
+    if (session) m_starterWake.notify_all();  // it left the pool: MinHandlers may want another
   }
 
   // A started handler that is free: to the first waiting caller, else idle.

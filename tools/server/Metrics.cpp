@@ -50,7 +50,8 @@ std::string CMetrics::Page(
   std::string page;
   {
     std::lock_guard<std::mutex> hold(m_lock);
-    Header(page, "pendrel_http_requests_total", "counter", "HTTP requests answered, by mount and status.");
+    Header(page, "pendrel_http_requests_total", "counter",
+           "HTTP requests answered, by mount and status.");
     for (const auto& [key, count] : m_requests) {
       page += "pendrel_http_requests_total{mount=" + Label(key.first) + ",status=\"" +
               std::to_string(key.second) + "\"} " + std::to_string(count) + "\n";

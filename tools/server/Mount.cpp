@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <boost/url/pct_string_view.hpp>  // percent-decoding of route segments
+#include <cstdio>                         // std::fprintf
 #include <nlohmann/json.hpp>              // the session-creation body and the info answers
 #include <utility>
 
@@ -13,7 +14,7 @@
 namespace PendrelServer {
 
 struct CMount::CSession {
-  std::mutex Lock;               // held for each exchange with the session's handler
+  std::mutex Lock;                // held for each exchange with the session's handler
   CTolvane::CHandlerLease Lease;  // under Lock; empty once the session is over
   std::chrono::seconds Timeout{600};
   std::atomic<Clock::rep> LastUse{0};  // Clock ticks of the end of the last use
@@ -109,12 +110,13 @@ CReply PoolProblem(EPoolWait wait, const CTolvane::CHandlerPoolSettings& setting
 }
 
 // The response's HTTP form as the answer, its status as X-Pendrel-Status.
-CReply Answer(const Pendrel::CResponse& response, unsigned status, std::uint32_t pid) {
-  CHttpAnswer answer = AnswerOf(response);
+CReply Answer(Pendrel::CResponse&& response, unsigned status, std::uint32_t pid) {
+  const auto pendrelStatus = static_cast<long long>(response.Status);
+  CHttpAnswer answer = AnswerOf(std::move(response));
   CReply reply;
   reply.Status = status;
   reply.Fields = std::move(answer.Fields);
-  reply.Fields.emplace_back("X-Pendrel-Status", std::to_string(static_cast<long long>(response.Status)));
+  reply.Fields.emplace_back("X-Pendrel-Status", std::to_string(pendrelStatus));
   reply.Body = std::move(answer.Body);
   reply.HandlerPid = pid;
   return reply;
@@ -140,7 +142,8 @@ std::vector<std::string> Segments(const std::string& path) {
   std::size_t at = 0;
   while (at < path.size()) {
     const std::size_t next = path.find('/', at + 1);
-    segments.push_back(path.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1));
+    segments.push_back(
+        path.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1));
     at = next == std::string::npos ? path.size() : next;
   }
   return segments;
@@ -155,17 +158,16 @@ CMount::CMount(CMountSettings settings, std::function<void()> sessionsChanged)
 
 CMount::~CMount() { Stop(0); }
 
-CReply CMount::Serve(std::string method, std::string path, std::string query,
-                     std::string contentType, std::string body) {
-  if (path.size() < 2 || path[0] != '/' || path[1] != '_') {
-    return Exchange(std::move(method), std::move(path), std::move(query), std::move(contentType),
-                    std::move(body));
-  }
+CReply CMount::Serve(CHttpRequestParts&& parts) {
+  const std::string& path = parts.Path;
+  const std::string& method = parts.Method;
+  if (path.size() < 2 || path[0] != '/' || path[1] != '_') return Exchange(std::move(parts));
   const std::vector<std::string> segments = Segments(path);
   std::vector<std::string> decoded(segments.size());
   for (std::size_t i = 0; i < segments.size(); ++i) {
     if (!Decode(segments[i], decoded[i])) {
-      return Problem(400, "the path segment \"" + segments[i] + "\" holds a broken percent-encoding");
+      return Problem(400,
+                     "the path segment \"" + segments[i] + "\" holds a broken percent-encoding");
     }
   }
   const std::string& route = decoded[0];
@@ -176,7 +178,7 @@ CReply CMount::Serve(std::string method, std::string path, std::string query,
     return method == "GET" ? TaskInfo(decoded[1]) : MethodNotAllowed("GET");
   }
   if (route == "_sessions" && decoded.size() == 1) {
-    return method == "POST" ? CreateSession(body) : MethodNotAllowed("POST");
+    return method == "POST" ? CreateSession(parts.Body) : MethodNotAllowed("POST");
   }
   if (route == "_sessions" && decoded.size() == 2 && !decoded[1].empty()) {
     return method == "DELETE" ? CloseSession(WideFromUtf8(decoded[1])) : MethodNotAllowed("DELETE");
@@ -189,13 +191,10 @@ CReply CMount::Serve(std::string method, std::string path, std::string query,
                           "_sessions/{key} and _sessions/{key}/files)");
 }
 
-CReply CMount::Exchange(std::string method, std::string path, std::string query,
-                        std::string contentType, std::string body) {
-  if (method != "GET" && method != "POST") return MethodNotAllowed("GET, POST");
+CReply CMount::Exchange(CHttpRequestParts&& parts) {
+  if (parts.Method != "GET" && parts.Method != "POST") return MethodNotAllowed("GET, POST");
   CReadRequest read;
-  if (!ReadRequest(CHttpRequestParts{std::move(method), std::move(path), std::move(query),
-                                     std::move(contentType), std::move(body)},
-                   read)) {
+  if (!ReadRequest(std::move(parts), read)) {
     return Problem(400, read.Problem);
   }
   if (!read.SessionKey.empty()) {
@@ -212,7 +211,7 @@ CReply CMount::Exchange(std::string method, std::string path, std::string query,
           EndSession(read.SessionKey, session);
           return reply;
         }
-        return Answer(response, 200, session->Lease->GetProcessId());
+        return Answer(std::move(response), 200, session->Lease->GetProcessId());
       }
       // The session closed while this request waited: the pool serves it as any other.
     }
@@ -225,7 +224,7 @@ CReply CMount::Exchange(std::string method, std::string path, std::string query,
   if (const EErrorCode code = lease->HandleRequest(read.Request, response)) {
     return ExchangeFailed(code, *lease, "the request");
   }
-  return Answer(response, 200, lease->GetProcessId());
+  return Answer(std::move(response), 200, lease->GetProcessId());
 }
 
 CReply CMount::Info() {
@@ -263,7 +262,8 @@ CReply CMount::TaskInfo(const std::string& code) {
     return ExchangeFailed(error, *lease, "RequestHandlerTaskInfo");
   }
   if (info.Name.empty() && info.Description.empty()) {
-    CReply reply = Problem(404, "the handler of " + m_settings.Prefix + " knows no task \"" + code + "\"");
+    CReply reply =
+        Problem(404, "the handler of " + m_settings.Prefix + " knows no task \"" + code + "\"");
     reply.HandlerPid = lease->GetProcessId();
     return reply;
   }
@@ -303,7 +303,8 @@ CReply CMount::CreateSession(const std::string& body) {
     timeoutS = found->get<std::int64_t>();
   }
   const std::string keyText = Utf8FromWide(fields[0]);
-  if (FindSession(fields[0])) return Problem(409, "the session \"" + keyText + "\" is open already");
+  if (FindSession(fields[0]))
+    return Problem(409, "the session \"" + keyText + "\" is open already");
 
   auto session = std::make_shared<CSession>();
   session->Timeout = std::chrono::seconds(timeoutS);
@@ -326,7 +327,7 @@ CReply CMount::CreateSession(const std::string& body) {
     }
   }
   if (m_sessionsChanged) m_sessionsChanged();
-  CReply reply = Answer(response, 201, pid);
+  CReply reply = Answer(std::move(response), 201, pid);
   reply.Fields.emplace_back("Location", m_settings.Prefix + "/_sessions/" + PercentEncode(keyText));
   return reply;
 }
@@ -354,7 +355,7 @@ CReply CMount::SessionFiles(const std::wstring& key) {
     EndSession(key, session);
     return reply;
   }
-  return Answer(response, 200, session->Lease->GetProcessId());
+  return Answer(std::move(response), 200, session->Lease->GetProcessId());
 }
 
 std::shared_ptr<CMount::CSession> CMount::FindSession(const std::wstring& key) {
@@ -393,7 +394,12 @@ void CMount::CloseIdleSessions(Clock::time_point now) {
       if (session->Deadline() <= now) idle.emplace_back(key, session);
     }
   }
-  for (const auto& [key, session] : idle) EndSession(key, session);
+  for (const auto& [key, session] : idle) {
+    EndSession(key, session);
+    std::fprintf(stderr, "pendrel serve: %s: session \"%s\" closed after %lld s unused\n",
+                 m_settings.Prefix.c_str(), Utf8FromWide(key).c_str(),
+                 static_cast<long long>(session->Timeout.count()));
+  }
 }
 
 void CMount::Stop(std::uint32_t drainMs) {

@@ -27,6 +27,7 @@
 #include "handler/CHandlerPool.h"
 #include "tools/server/Reply.h"
 #include "tools/server/ServeOptions.h"
+#include "tools/server/forms/HttpForms.h"
 
 namespace PendrelServer {
 
@@ -44,10 +45,9 @@ class CMount {
   const std::string& Prefix() const noexcept { return m_settings.Prefix; }
   CTolvane::CHandlerPool& Pool() noexcept { return m_pool; }
 
-  // Answers one request under the prefix. `path` is the percent-encoded path after the
-  // prefix ("" or "/..."), `query` the query without "?". Blocks; a worker thread.
-  CReply Serve(std::string method, std::string path, std::string query, std::string contentType,
-               std::string body);
+  // Answers one request under the prefix. `parts.Path` is the percent-encoded path after
+  // the prefix ("" or "/..."). Blocks; a worker thread.
+  CReply Serve(CHttpRequestParts&& parts);
 
   // The earliest moment an open session runs out of time; none without sessions.
   std::optional<Clock::time_point> NextSessionDeadline();
@@ -61,8 +61,7 @@ class CMount {
 
  private:
   struct CSession;
-  CReply Exchange(std::string method, std::string path, std::string query,
-                  std::string contentType, std::string body);
+  CReply Exchange(CHttpRequestParts&& parts);
   CReply Info();
   CReply TaskInfo(const std::string& code);
   CReply CreateSession(const std::string& body);

@@ -173,7 +173,8 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     m_target = std::string(request.target());
     m_version = request.version();
     m_keepAlive = request.keep_alive();
-    if (const auto id = request.find("X-Request-Id"); id != request.end() && UsableId(id->value())) {
+    if (const auto id = request.find("X-Request-Id");
+        id != request.end() && UsableId(id->value())) {
       m_requestId = std::string(id->value());
     } else {
       m_requestId = m_server.MakeRequestId();
@@ -191,22 +192,23 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
         break;
     }
     if (const auto length = m_parser->content_length(); length && *length > m_routed.MaxBody) {
-      return Answer(Problem(413, "the body of " + std::to_string(*length) +
-                                     " bytes is over the limit of " +
-                                     std::to_string(m_routed.MaxBody) + " bytes"),
-                    true);
+      return Answer(
+          Problem(413, "the body of " + std::to_string(*length) + " bytes is over the limit of " +
+                           std::to_string(m_routed.MaxBody) + " bytes"),
+          true);
     }
     m_parser->body_limit(m_routed.MaxBody);
     const auto expect = request.find(http::field::expect);
     if (bodyFollows && expect != request.end() && beast::iequals(expect->value(), "100-continue")) {
-      auto goOn = std::make_shared<http::response<http::empty_body>>(http::status::continue_,
-                                                                    m_version);
+      auto goOn =
+          std::make_shared<http::response<http::empty_body>>(http::status::continue_, m_version);
       m_stream.expires_after(kWriteTime);
-      http::async_write(m_stream, *goOn,
-                        [self = shared_from_this(), goOn](const beast::error_code& ec, std::size_t) {
-                          if (ec) return self->Close();
-                          self->ReadBody();
-                        });
+      http::async_write(
+          m_stream, *goOn,
+          [self = shared_from_this(), goOn](const beast::error_code& ec, std::size_t) {
+            if (ec) return self->Close();
+            self->ReadBody();
+          });
       return;
     }
     ReadBody();
@@ -244,14 +246,16 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   void Dispatch() {
     m_stream.expires_never();
     http::request<http::string_body> request = m_parser->release();
-    std::string contentType(request[http::field::content_type]);
+    CHttpRequestParts parts;
+    parts.Method = m_method;
+    parts.ContentType = std::string(request[http::field::content_type]);
+    parts.ContentDisposition = std::string(request[http::field::content_disposition]);
+    parts.Body = std::move(request.body());
     net::post(m_network.Workers, [self = shared_from_this(), routed = std::move(m_routed),
-                                  method = m_method, contentType = std::move(contentType),
-                                  body = std::move(request.body())]() mutable {
+                                  parts = std::move(parts)]() mutable {
       CReply reply;
       try {
-        reply = self->m_server.Handle(std::move(routed), std::move(method), std::move(contentType),
-                                      std::move(body));
+        reply = self->m_server.Handle(std::move(routed), std::move(parts));
       } catch (const std::exception& e) {
         reply = Problem(500, std::string("the server failed: ") + e.what());
       }
@@ -272,6 +276,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     response->body() = std::move(reply.Body);
     response->keep_alive(m_keepAlive && !close);
     response->prepare_payload();
+    if (m_method == "HEAD") response->body().clear();  // the length stays, the body goes
     m_status = reply.Status;
     m_pid = reply.HandlerPid;
     const bool keepAlive = response->keep_alive();
@@ -388,7 +393,8 @@ bool ParseEndpoint(const std::string& text, tcp::endpoint& endpoint, std::string
     return false;
   }
   std::string host = text.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
   unsigned port = 0;
   const char* first = text.data() + colon + 1;
   const char* last = text.data() + text.size();
@@ -416,24 +422,24 @@ std::string EndpointText(const tcp::endpoint& endpoint) {
 }  // namespace
 
 void CNetwork::Impl::Accept(tcp::acceptor& acceptor) {
-  acceptor.async_accept(net::make_strand(Io), [this, &acceptor](const beast::error_code& ec,
-                                                               tcp::socket socket) {
-    if (ec == net::error::operation_aborted || !acceptor.is_open()) return;
-    if (ec) {
-      // Out of descriptors, say: try again shortly rather than spin.
-      std::fprintf(stderr, "pendrel serve: accepting a connection failed: %s\n",
-                   ec.message().c_str());
-      auto timer = std::make_shared<net::steady_timer>(Io, std::chrono::milliseconds(100));
-      timer->async_wait([this, &acceptor, timer](const beast::error_code&) {
-        if (acceptor.is_open()) Accept(acceptor);
+  acceptor.async_accept(
+      net::make_strand(Io), [this, &acceptor](const beast::error_code& ec, tcp::socket socket) {
+        if (ec == net::error::operation_aborted || !acceptor.is_open()) return;
+        if (ec) {
+          // Out of descriptors, say: try again shortly rather than spin.
+          std::fprintf(stderr, "pendrel serve: accepting a connection failed: %s\n",
+                       ec.message().c_str());
+          auto timer = std::make_shared<net::steady_timer>(Io, std::chrono::milliseconds(100));
+          timer->async_wait([this, &acceptor, timer](const beast::error_code&) {
+            if (acceptor.is_open()) Accept(acceptor);
+          });
+          return;
+        }
+        beast::error_code ignored;
+        socket.set_option(tcp::no_delay(true), ignored);
+        std::make_shared<CConnection>(std::move(socket), *this)->Start();
+        Accept(acceptor);
       });
-      return;
-    }
-    beast::error_code ignored;
-    socket.set_option(tcp::no_delay(true), ignored);
-    std::make_shared<CConnection>(std::move(socket), *this)->Start();
-    Accept(acceptor);
-  });
 }
 
 CNetwork::CNetwork(CServer& server, std::uint32_t workers)

@@ -40,8 +40,7 @@ CReply Problem(unsigned status, std::string_view detail) {
   reply.Status = status;
   reply.Fields.emplace_back("Content-Type", "application/problem+json");
   reply.Body = "{\"type\":\"about:blank\",\"title\":" + JsonQuoted(StatusTitle(status)) +
-               ",\"status\":" + std::to_string(status) + ",\"detail\":" + JsonQuoted(detail) +
-               "}";
+               ",\"status\":" + std::to_string(status) + ",\"detail\":" + JsonQuoted(detail) + "}";
   return reply;
 }
 

@@ -3,8 +3,8 @@
 #include <csignal>  // std::signal, SIGPIPE
 #include <cstdio>
 
-#include "tools/server/Server.h"
 #include "tools/server/ServeOptions.h"
+#include "tools/server/Server.h"
 
 namespace PendrelServer {
 

@@ -1,9 +1,9 @@
 #include "tools/server/ServeOptions.h"
 
+#include <toml++/toml.h>
 #include <charconv>  // std::from_chars
 #include <limits>
 #include <set>
-#include <toml++/toml.h>
 
 #include "tools/server/Text.h"
 
@@ -16,8 +16,10 @@ struct CSizeUnit {
   std::uint64_t Factor;
 };
 constexpr CSizeUnit kSizeUnits[] = {
-    {"KiB", 1ull << 10}, {"MiB", 1ull << 20}, {"GiB", 1ull << 30}, {"KB", 1000},
-    {"MB", 1000000},     {"GB", 1000000000},  {"K", 1ull << 10},   {"M", 1ull << 20},
+    {"KiB", 1ull << 10}, {"MiB", 1ull << 20},
+    {"GiB", 1ull << 30}, {"KB", 1000},
+    {"MB", 1000000},     {"GB", 1000000000},
+    {"K", 1ull << 10},   {"M", 1ull << 20},
     {"G", 1ull << 30},   {"B", 1},
 };
 
@@ -55,8 +57,8 @@ bool ReadHandler(const toml::table& table, std::size_t index, CMountSettings& mo
     error = where + ", key \"" + key + "\": " + why;
     return false;
   };
-  static const std::set<std::string_view> kKeys = {"mount",     "program", "arguments",
-                                                   "mode",      "timeout_s", "pool"};
+  static const std::set<std::string_view> kKeys = {"mount", "program",   "arguments",
+                                                   "mode",  "timeout_s", "pool"};
   for (auto&& [key, node] : table) {
     if (!kKeys.count(key.str())) return fail(std::string(key.str()), "unknown key");
   }
@@ -64,7 +66,8 @@ bool ReadHandler(const toml::table& table, std::size_t index, CMountSettings& mo
   if (!mountNode) return fail("mount", "missing or not a string");
   mount.Prefix = *mountNode;
   if (!NormalizePrefix(mount.Prefix)) {
-    return fail("mount", "must start with \"/\", hold no \"?\" or \"#\", and not start with \"/_\"");
+    return fail("mount",
+                "must start with \"/\", hold no \"?\" or \"#\", and not start with \"/_\"");
   }
   auto program = table["program"].value<std::string>();
   if (!program || program->empty()) return fail("program", "missing or not a string");
@@ -79,8 +82,8 @@ bool ReadHandler(const toml::table& table, std::size_t index, CMountSettings& mo
     if (!node) return true;
     auto value = node.value<std::int64_t>();
     if (!node.is_integer() || !value || *value < least || *value > most) {
-      return fail(key, "must be an integer from " + std::to_string(least) + " to " +
-                           std::to_string(most));
+      return fail(
+          key, "must be an integer from " + std::to_string(least) + " to " + std::to_string(most));
     }
     field = static_cast<std::remove_reference_t<decltype(field)>>(*value);
     return true;
@@ -131,8 +134,8 @@ bool ReadConfigFile(const std::string& path, CServeSettings& settings, std::stri
     fileUnreadable = e.description().find("File could not be opened") != std::string_view::npos;
     error = "cannot read the configuration file " + path;
     if (fileUnreadable) return false;
-    error += ": line " + std::to_string(where.line) + ", column " +
-             std::to_string(where.column) + ": " + std::string(e.description());
+    error += ": line " + std::to_string(where.line) + ", column " + std::to_string(where.column) +
+             ": " + std::string(e.description());
     return false;
   }
   error = "the configuration file " + path + ": ";
@@ -158,7 +161,8 @@ bool ReadConfigFile(const std::string& path, CServeSettings& settings, std::stri
     std::uint64_t bytes = 0;
     if (auto text = node.value<std::string>(); text && node.is_string()) {
       if (!ParseByteSize(*text, bytes)) return error += "\"max_body\" is not a size", false;
-    } else if (auto number = node.value<std::int64_t>(); number && node.is_integer() && *number > 0) {
+    } else if (auto number = node.value<std::int64_t>();
+               number && node.is_integer() && *number > 0) {
       bytes = static_cast<std::uint64_t>(*number);
     } else {
       return error += "\"max_body\" must be a size such as \"256MiB\" or a number of bytes", false;
@@ -231,7 +235,8 @@ bool ParseServeCommandLine(const std::vector<std::string>& arguments, CServeComm
     std::string name = arguments[i];
     std::string value;
     bool hasValue = false;
-    if (const auto equals = name.find('='); name.rfind("--", 0) == 0 && equals != std::string::npos) {
+    if (const auto equals = name.find('=');
+        name.rfind("--", 0) == 0 && equals != std::string::npos) {
       value = name.substr(equals + 1);
       name.resize(equals);
       hasValue = true;
@@ -249,8 +254,8 @@ bool ParseServeCommandLine(const std::vector<std::string>& arguments, CServeComm
       long long parsed = 0;
       if (!take()) return false;
       if (!ParseNumber(std::string_view(value), parsed) || parsed < least || parsed > most) {
-        error = "option " + name + " takes a whole number from " + std::to_string(least) +
-                " to " + std::to_string(most) + ", not \"" + value + "\"";
+        error = "option " + name + " takes a whole number from " + std::to_string(least) + " to " +
+                std::to_string(most) + ", not \"" + value + "\"";
         return false;
       }
       field = static_cast<std::remove_reference_t<decltype(field)>>(parsed);

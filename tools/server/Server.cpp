@@ -25,7 +25,7 @@ std::string UtcNow() {
       std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
   std::tm parts{};
   gmtime_r(&seconds, &parts);
-  char text[40];
+  char text[64];
   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900,
                 parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
                 static_cast<int>(millis));
@@ -206,10 +206,10 @@ CRouted CServer::Route(std::string_view method, std::string_view target) {
   return routed;
 }
 
-CReply CServer::Handle(CRouted&& routed, std::string method, std::string contentType,
-                       std::string body) {
-  return routed.Mount->Serve(std::move(method), std::move(routed.Path), std::move(routed.Query),
-                             std::move(contentType), std::move(body));
+CReply CServer::Handle(CRouted&& routed, CHttpRequestParts&& parts) {
+  parts.Path = std::move(routed.Path);
+  parts.Query = std::move(routed.Query);
+  return routed.Mount->Serve(std::move(parts));
 }
 
 CReply CServer::Inline(const CRouted& routed) {
@@ -231,7 +231,8 @@ CReply CServer::Inline(const CRouted& routed) {
     return reply;
   }
   std::vector<std::pair<std::string, CTolvane::CHandlerPoolStats>> pools;
-  for (const auto& mount : table->Mounts) pools.emplace_back(mount->Prefix(), mount->Pool().Stats());
+  for (const auto& mount : table->Mounts)
+    pools.emplace_back(mount->Prefix(), mount->Pool().Stats());
   reply.Fields.emplace_back("Content-Type", "text/plain; version=0.0.4; charset=utf-8");
   reply.Body = m_metrics.Page(pools);
   return reply;

@@ -71,7 +71,8 @@ class CServer {
   // The network side's calls. Route: I/O threads, does not block.
   CRouted Route(std::string_view method, std::string_view target);
   // Runs one request to its answer. Blocks; worker threads only.
-  CReply Handle(CRouted&& routed, std::string method, std::string contentType, std::string body);
+  // `parts` come without Path and Query: the route has them.
+  CReply Handle(CRouted&& routed, CHttpRequestParts&& parts);
   // The answer to GET /_health or /_metrics. Does not block.
   CReply Inline(const CRouted& routed);
   // A request is over (answered, or its connection lost): access log and metrics.
@@ -98,8 +99,8 @@ class CServer {
 
   std::mutex m_controlLock;
   std::condition_variable m_controlWake;
-  bool m_stopAsked = false;    // under m_controlLock
-  bool m_reloadAsked = false;  // under m_controlLock
+  bool m_stopAsked = false;        // under m_controlLock
+  bool m_reloadAsked = false;      // under m_controlLock
   bool m_sessionsChanged = false;  // under m_controlLock
 
   std::mutex m_logLock;  // one access-log line at a time

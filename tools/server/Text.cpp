@@ -32,7 +32,8 @@ std::wstring WideFromUtf8(std::string_view text) {
       if (j >= text.size() || (static_cast<unsigned char>(text[j]) & 0xC0) != 0x80) break;
       code = (code << 6) | (static_cast<unsigned char>(text[j]) & 0x3F);
     }
-    if (j != i + 1 + extra || code < least || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) {
+    if (j != i + 1 + extra || code < least || code > 0x10FFFF ||
+        (code >= 0xD800 && code < 0xE000)) {
       out.push_back(L'\xFFFD');
       i = j > i + 1 ? j : i + 1;
       continue;
@@ -92,11 +93,21 @@ std::string JsonQuoted(std::string_view text) {
   out.push_back('"');
   for (const char c : text) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           char escaped[8];
