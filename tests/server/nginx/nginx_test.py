@@ -124,7 +124,8 @@ class Cluster:
             instance = Process(f"instance {index}", [
                 ARGS.pendrel, "serve", "--listen", "127.0.0.1:0",
                 "--mount", f"{MOUNT}={ARGS.handler}",
-                "--pool-min", "1", "--pool-max", "2", "--workers", "2", "--timeout", "20"], self.changed)
+                "--pool-min", "1", "--pool-max", "2", "--workers", "2", "--timeout", "20"],
+                self.changed)
             self.instances.append(instance)
             line = instance.output.wait_for(LISTENING.search, START_LIMIT_S)
             if line is None:
@@ -158,10 +159,12 @@ class Cluster:
         replacements = {"127.0.0.1:8080": f"127.0.0.1:{self.port}",
                         "127.0.0.1:8081": self.instances[0].address,
                         "127.0.0.1:8082": self.instances[1].address}
-        for old, new in replacements.items():
+        for old in replacements:
             if old not in text:
                 raise AssertionError(f"{ARGS.config} has no {old}")
-            text = text.replace(old, new)
+        # One pass, so that a new address is never replaced again.
+        text = re.sub("|".join(map(re.escape, replacements)),
+                      lambda match: replacements[match.group(0)], text)
         path = os.path.join(self.folder, "nginx.conf")
         with open(path, "w", encoding="utf-8") as stream:
             stream.write(text)
