@@ -236,8 +236,12 @@ def server_rows(table, values):
         match = re.match(r"Server/([^/]+)/(\d+)/pendrel$", name)
         if match:
             cases.setdefault(match.group(1), []).append(int(match.group(2)))
-    order = {"small": 0, "64K": 1, "1M": 2, "64M": 3}
-    for case in sorted(cases, key=lambda case: order.get(case, 9)):
+
+    def body_bytes(case):
+        return min(table.get(f"Server/{case}/{c}/pendrel", "body_bytes") or 0
+                   for c in cases[case])
+
+    for case in sorted(cases, key=body_bytes):
         for connections in sorted(cases[case]):
             stem = f"Server/{case}/{connections}/"
             ours, theirs = stem + "pendrel", stem + peer
@@ -247,9 +251,9 @@ def server_rows(table, values):
             if rate is None or peer_rate is None:
                 table.missing.append(label)
                 continue
-            if case == "64M":
+            if table.get(ours, "transfer"):
                 speed, peer_speed = table.speed(ours), table.speed(theirs)
-                table.add(f"{label}: 64 MiB up + 64 MiB down", f"{speed:.2f} GB/s",
+                table.add(f"{label}: {case} up + {case} down", f"{speed:.2f} GB/s",
                           f"{peer} {peer_speed:.2f} GB/s", f"{speed / peer_speed:.2f}x",
                           ">= 1 GB/s", speed >= 1.0)
             else:
