@@ -159,12 +159,13 @@ def field(fields, name):
 def raw_exchange(port, data, timeout_s=10, shut=False):
     """Sends `data` on a fresh connection and returns everything read until it closes or
     an answer is complete (one answer, its length known)."""
+    deadline = time.monotonic() + timeout_s
     with socket.create_connection(("127.0.0.1", port), timeout=timeout_s) as s:
         s.sendall(data)
         if shut:
             s.shutdown(socket.SHUT_WR)
         received = b""
-        while True:
+        while time.monotonic() < deadline:
             head, sep, rest = received.partition(b"\r\n\r\n")
             if sep:
                 match = re.search(rb"(?i)content-length:\s*(\d+)", head)
@@ -177,6 +178,7 @@ def raw_exchange(port, data, timeout_s=10, shut=False):
             if not chunk:
                 return received
             received += chunk
+        return received
 
 
 def status_of(answer):
@@ -338,6 +340,14 @@ class Routes(ServerTest):
             self.assertEqual(problem["status"], expected)
             self.assertTrue(problem["detail"])
 
+    def test_absolute_form_target(self):
+        server = self.echo_server()
+        answer = raw_exchange(server.port, b"GET http://127.0.0.1/echo/STATS/-/k/v?a=1 HTTP/1.1\r\n"
+                              b"Host: 127.0.0.1\r\n\r\n")
+        self.assertEqual(status_of(answer), 200)
+        echoed = json.loads(answer.partition(b"\r\n\r\n")[2])
+        self.assertEqual((echoed["CommandParams"], echoed["RequestParams"]), ({"k": "v"}, {"A": "1"}))
+
     def test_request_id_is_passed_through_or_made(self):
         server = self.echo_server()
         status, fields, _ = curl(server.url("/echo/WHO/"), "-H", "X-Request-Id: abc-123")
@@ -423,6 +433,18 @@ class Sessions(ServerTest):
         status, _, _ = curl(server.url("/echo/_sessions/s-1"), "-X", "DELETE")
         self.assertEqual(status, 404)
 
+    def test_failed_session_exchange_closes_the_session(self):
+        server = self.echo_server()
+        status, _, _ = curl(server.url("/echo/_sessions"), "--data-binary", "@-",
+                            data=b'{"key":"doomed"}')
+        self.assertEqual(status, 201)
+        status, _, _ = curl(server.url("/echo/CRASH/doomed"))
+        self.assertEqual(status, 502)
+        status, _, _ = curl(server.url("/echo/_sessions/doomed/files"))
+        self.assertEqual(status, 404)
+        status, _, body = curl(server.url("/echo/WHO/doomed"))  # served by the pool now
+        self.assertEqual((status, json.loads(body)["session"]), (200, ""))
+
     def test_bad_session_bodies(self):
         server = self.echo_server()
         for body in [b"not json", b"[]", b'{"user":"x"}', b'{"key":""}',
@@ -477,6 +499,30 @@ class Load(ServerTest):
             t.join(timeout=120)
         self.assertFalse(any(t.is_alive() for t in threads), "clients still running")
         self.assertEqual(failures, [])
+
+    def test_idle_keep_alive_connections_cost_no_thread(self):
+        server = self.echo_server()
+        self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
+
+        def threads():
+            with open(f"/proc/{server.process.pid}/status") as f:
+                return int(re.search(r"^Threads:\s+(\d+)", f.read(), re.M).group(1))
+
+        before = threads()
+        idle = []
+        try:
+            for _ in range(300):
+                connection = server.connection(timeout_s=10)
+                connection.request("GET", "/_health")
+                response = connection.getresponse()
+                response.read()
+                self.assertEqual(response.status, 200)
+                idle.append(connection)
+            self.assertEqual(threads(), before)
+            self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
+        finally:
+            for connection in idle:
+                connection.close()
 
     def test_slow_clients_do_not_delay_a_normal_request(self):
         server = self.echo_server()
@@ -535,6 +581,21 @@ class Failures(ServerTest):
             status, fields, _ = curl(server.url("/echo/WHO/"))
             self.assertEqual(status, 503)
             self.assertEqual(field(fields, "Retry-After"), "1")
+        finally:
+            slow.join(timeout=20)
+
+    def test_no_free_worker_within_the_queue_wait_gives_503(self):
+        server = self.serve(config=self.config(pool="min = 2, max = 2, queue_wait_s = 1",
+                                               extra="workers = 1"))
+        slow = threading.Thread(target=curl, args=(server.url("/echo/SLOW/?ms=2500"),))
+        slow.start()
+        try:
+            self.assertTrue(wait_until(lambda: 'pendrel_pool_busy_handlers{mount="/echo"} 1' in
+                                       curl(server.url("/_metrics"))[2].decode(), 10))
+            status, fields, body = curl(server.url("/echo/WHO/"))
+            self.assertEqual(status, 503)
+            self.assertEqual(field(fields, "Retry-After"), "1")
+            self.assertIn("worker", json.loads(body)["detail"])
         finally:
             slow.join(timeout=20)
 
@@ -605,6 +666,26 @@ class Limits(ServerTest):
                               b"a" * 70000 + b"\r\n\r\n")
         self.assertEqual(status_of(answer), 431)
 
+    def test_large_body_up_and_down(self):
+        server = self.echo_server()
+        data = random.Random(3).randbytes(16 << 20)
+        connection = server.connection()
+        connection.request("POST", "/echo/FILES/", body=data,
+                           headers={"Content-Type": "application/octet-stream"})
+        response = connection.getresponse()
+        self.assertEqual(response.status, 200)
+        self.assertEqual(response.read(), data)
+        connection.close()
+
+    def test_every_listen_address_is_served(self):
+        server = self.echo_server("--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0")
+        ports = lambda: {int(m) for m in re.findall(r"listening on 127\.0\.0\.1:(\d+)",
+                                                    "\n".join(l for l in server.lines if l))}
+        self.assertTrue(wait_until(lambda: len(ports()) == 2, 10))
+        for port in ports():
+            answer = raw_exchange(port, b"GET /_health HTTP/1.1\r\nHost: x\r\n\r\n")
+            self.assertEqual(status_of(answer), 200)
+
     def test_keep_alive_serves_several_requests_on_one_connection(self):
         server = self.echo_server()
         connection = server.connection()
@@ -635,6 +716,39 @@ class Control(ServerTest):
         self.assertEqual(processes_with(self.folder), [])
         with self.assertRaises(OSError):
             socket.create_connection(("127.0.0.1", server.port), timeout=2).close()
+
+    def test_stop_ends_idle_keep_alive_connections_at_once(self):
+        server = self.echo_server()
+        connection = server.connection()
+        connection.request("GET", "/echo/WHO/")
+        self.assertEqual(connection.getresponse().status, 200)
+        started = time.monotonic()
+        self.assertEqual(server.stop(signal.SIGTERM), 0)
+        self.assertLess(time.monotonic() - started, 5)
+        connection.close()
+
+    def test_stop_past_the_drain_limit_ends_the_hung_request_and_its_handler(self):
+        server = self.serve(config=self.config(timeout_s=60, extra="drain_s = 1"))
+        result = {}
+
+        def hang():
+            try:
+                result["answer"] = curl(server.url("/echo/HANG/"))
+            except AssertionError as e:  # the connection ends without an answer
+                result["error"] = str(e)
+
+        client = threading.Thread(target=hang)
+        client.start()
+        try:
+            self.assertTrue(wait_until(lambda: 'pendrel_pool_busy_handlers{mount="/echo"} 1' in
+                                       curl(server.url("/_metrics"))[2].decode(), 10))
+            started = time.monotonic()
+            self.assertEqual(server.stop(signal.SIGTERM), 0)
+            self.assertLess(time.monotonic() - started, 10)
+        finally:
+            client.join(timeout=30)
+        self.assertIn("error", result)
+        self.assertTrue(wait_until(lambda: not processes_with(self.folder), 10))
 
     def test_sigint_stops_with_status_0(self):
         server = self.echo_server()

@@ -31,6 +31,7 @@ using CTolvane::EErrorCode;
 using CTolvane::EPoolWait;
 
 constexpr std::int64_t kDefaultSessionTimeoutS = 600;
+constexpr std::size_t kMaxSessionBody = 64 * 1024;
 
 struct CErrorText {
   EErrorCode Code;
@@ -274,6 +275,10 @@ CReply CMount::TaskInfo(const std::string& code) {
 }
 
 CReply CMount::CreateSession(const std::string& body) {
+  if (body.size() > kMaxSessionBody) {
+    return Problem(
+        413, "the body of POST _sessions is over " + std::to_string(kMaxSessionBody) + " bytes");
+  }
   const nlohmann::json document = nlohmann::json::parse(body, nullptr, false);
   if (!document.is_object()) {
     return Problem(400, "the body of POST _sessions must be a JSON object with \"key\"");

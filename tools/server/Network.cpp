@@ -1,5 +1,6 @@
 #include "tools/server/Network.h"
 
+#include <atomic>
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -35,12 +36,14 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kKeepAliveIdle = std::chrono::seconds(75);
 constexpr auto kHeaderTime = std::chrono::seconds(10);
 constexpr auto kBodyStepTime = std::chrono::seconds(30);
-constexpr auto kWriteTime = std::chrono::seconds(60);
+constexpr auto kWriteStepTime = std::chrono::seconds(30);
 // After an answer that leaves a body unread, the rest is read and dropped for this long
 // before the socket closes, so that the client sees the answer rather than a reset.
 constexpr auto kLingerTime = std::chrono::seconds(3);
 constexpr std::uint32_t kHeaderLimit = 64 * 1024;
 constexpr std::size_t kFirstRead = 4096;
+// Requests read and waiting for a worker thread, at most; more are answered 503 at once.
+constexpr std::size_t kMaxWaitingForWorker = 4096;
 
 class CConnection;
 
@@ -51,8 +54,9 @@ struct CNetwork::Impl {
   // holds connections that unregister here when destroyed.
   std::mutex Lock;
   std::condition_variable Idle;
-  std::size_t InFlight = 0;                                                  // under Lock
-  bool Draining = false;                                                     // under Lock
+  std::size_t InFlight = 0;  // under Lock
+  bool Draining = false;     // under Lock
+  std::atomic<std::size_t> WaitingForWorker{0};
   std::unordered_map<CConnection*, std::weak_ptr<CConnection>> Connections;  // under Lock
 
   CServer& Server;
@@ -202,7 +206,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     if (bodyFollows && expect != request.end() && beast::iequals(expect->value(), "100-continue")) {
       auto goOn =
           std::make_shared<http::response<http::empty_body>>(http::status::continue_, m_version);
-      m_stream.expires_after(kWriteTime);
+      m_stream.expires_after(kWriteStepTime);
       http::async_write(
           m_stream, *goOn,
           [self = shared_from_this(), goOn](const beast::error_code& ec, std::size_t) {
@@ -251,11 +255,25 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     parts.ContentType = std::string(request[http::field::content_type]);
     parts.ContentDisposition = std::string(request[http::field::content_disposition]);
     parts.Body = std::move(request.body());
+    // The worker threads' queue is bounded in length and, like the pool's, in waiting time.
+    if (++m_network.WaitingForWorker > kMaxWaitingForWorker) {
+      --m_network.WaitingForWorker;
+      CReply busy = Problem(503, "too many requests are waiting for a worker thread");
+      busy.Fields.emplace_back("Retry-After", "1");
+      return Answer(std::move(busy), false);
+    }
     net::post(m_network.Workers, [self = shared_from_this(), routed = std::move(m_routed),
-                                  parts = std::move(parts)]() mutable {
+                                  parts = std::move(parts), posted = Clock::now()]() mutable {
+      --self->m_network.WaitingForWorker;
       CReply reply;
       try {
-        reply = self->m_server.Handle(std::move(routed), std::move(parts));
+        if (Clock::now() - posted > routed.QueueWait) {
+          reply = Problem(503, "no worker thread became free within " +
+                                   std::to_string(routed.QueueWait.count() / 1000) + " s");
+          reply.Fields.emplace_back("Retry-After", "1");
+        } else {
+          reply = self->m_server.Handle(std::move(routed), std::move(parts));
+        }
       } catch (const std::exception& e) {
         reply = Problem(500, std::string("the server failed: ") + e.what());
       }
@@ -270,7 +288,14 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     auto response = std::make_shared<http::response<http::string_body>>();
     response->version(m_version);
     response->result(reply.Status);
-    for (auto& [name, value] : reply.Fields) response->insert(name, value);
+    for (auto& [name, value] : reply.Fields) {
+      // A line end in a field would start a field of the handler's making: left out.
+      if (name.empty() || name.find_first_of("\r\n:\0", 0, 4) != std::string::npos ||
+          value.find_first_of("\r\n\0", 0, 3) != std::string::npos) {
+        continue;
+      }
+      response->insert(name, value);
+    }
     response->set(http::field::server, "pendrel");
     response->set("X-Request-Id", m_requestId);
     response->body() = std::move(reply.Body);
@@ -281,16 +306,29 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     m_pid = reply.HandlerPid;
     const bool keepAlive = response->keep_alive();
     const bool unreadBody = m_parser && !m_parser->is_done();
-    m_stream.expires_after(kWriteTime);
-    http::async_write(m_stream, *response,
-                      [self = shared_from_this(), response, keepAlive, unreadBody](
-                          const beast::error_code& ec, std::size_t bytes) {
-                        self->m_bytesOut += bytes;
-                        self->End();
-                        if (ec) return self->Close();
-                        if (!keepAlive) return unreadBody ? self->Linger() : self->Close();
-                        self->WaitForRequest();
-                      });
+    m_response = std::move(response);
+    m_serializer.emplace(*m_response);
+    WriteSome(keepAlive, unreadBody);
+  }
+
+  // Writes the answer a step at a time, each step with its own time limit, so that a large
+  // answer to a slow reader is not cut while it still moves.
+  void WriteSome(bool keepAlive, bool unreadBody) {
+    m_stream.expires_after(kWriteStepTime);
+    http::async_write_some(m_stream, *m_serializer,
+                           [self = shared_from_this(), keepAlive, unreadBody](
+                               const beast::error_code& ec, std::size_t bytes) {
+                             self->m_bytesOut += bytes;
+                             if (!ec && !self->m_serializer->is_done()) {
+                               return self->WriteSome(keepAlive, unreadBody);
+                             }
+                             self->m_serializer.reset();
+                             self->m_response.reset();
+                             self->End();
+                             if (ec) return self->Close();
+                             if (!keepAlive) return unreadBody ? self->Linger() : self->Close();
+                             self->WaitForRequest();
+                           });
   }
 
   // Sends FIN, then reads and drops what the client still sends, for a bounded time.
@@ -364,6 +402,8 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   beast::tcp_stream m_stream;
   beast::flat_buffer m_buffer;
   std::optional<http::request_parser<http::string_body>> m_parser;
+  std::shared_ptr<http::response<http::string_body>> m_response;  // the answer being written
+  std::optional<http::response_serializer<http::string_body>> m_serializer;  // of m_response
   CNetwork::Impl& m_network;
   CServer& m_server;
   CRouted m_routed;

@@ -3,8 +3,8 @@
 // parser), the I/O threads, the worker threads that run exchanges, and the signals.
 //
 // Every network operation has a time limit: an idle keep-alive connection 75 s, a request's
-// header 10 s, each step of its body 30 s, an answer 60 s. The body limit is set on the
-// parser before the body is read; a declared length over it is answered with 413 before
+// header 10 s, each step of its body 30 s, each step of its answer 30 s. The body limit is set on
+// the parser before the body is read; a declared length over it is answered with 413 before
 // anything of the body is read (also under "Expect: 100-continue"). An idle connection holds
 // no thread. Finished requests go to a bounded set of worker threads; the I/O threads never
 // block on a handler.

@@ -176,8 +176,11 @@ void CServer::CloseIdleSessions() {
 
 CRouted CServer::Route(std::string_view method, std::string_view target) {
   CRouted routed;
-  const auto url = boost::urls::parse_origin_form(target);
-  if (!url) {
+  // Origin form ("/path?query"), or the absolute form that requests through proxies carry.
+  const bool absolute = target.substr(0, 7) == "http://" || target.substr(0, 8) == "https://";
+  const auto url =
+      absolute ? boost::urls::parse_absolute_uri(target) : boost::urls::parse_origin_form(target);
+  if (!url || url->has_fragment() || (absolute && url->encoded_path().empty())) {
     routed.Rejection = Problem(400, "the request target is not a path with an optional query");
     return routed;
   }
@@ -200,6 +203,10 @@ CRouted CServer::Route(std::string_view method, std::string_view target) {
     routed.Path = std::string(mount->Prefix() == "/" ? path : path.substr(mount->Prefix().size()));
     routed.Query = std::string(url->encoded_query());
     routed.MaxBody = table->MaxBody;
+    // Waiting for a worker is bounded like waiting for a handler, though never below 1 s: a
+    // pool that does not queue (queue_wait_s = 0) still lets a request reach a worker.
+    routed.QueueWait = std::chrono::milliseconds(
+        std::max<std::uint32_t>(mount->Pool().Settings().QueueWaitMs, 1000));
     return routed;
   }
   routed.Rejection = Problem(404, "nothing is mounted at " + std::string(path));

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -34,12 +35,13 @@ class CNetwork;  // HttpConnection.cpp
 struct CRouted {
   enum class EKind { Mount, Health, Metrics, Reject };
   EKind Kind = EKind::Reject;
-  std::shared_ptr<CMount> Mount;  // Kind Mount
-  std::string Path;               // Kind Mount: the percent-encoded path after the prefix
-  std::string Query;              // Kind Mount: without "?"
-  std::string Label;              // the mount prefix for metrics; "" for none
-  std::uint64_t MaxBody = 0;      // the body limit for this request
-  CReply Rejection;               // Kind Reject: the answer
+  std::shared_ptr<CMount> Mount;           // Kind Mount
+  std::string Path;                        // Kind Mount: the percent-encoded path after the prefix
+  std::string Query;                       // Kind Mount: without "?"
+  std::string Label;                       // the mount prefix for metrics; "" for none
+  std::uint64_t MaxBody = 0;               // the body limit for this request
+  std::chrono::milliseconds QueueWait{0};  // Kind Mount: the longest wait for a worker
+  CReply Rejection;                        // Kind Reject: the answer
 };
 
 // One line of the access log.

@@ -1,6 +1,8 @@
 // Decoding base64 parts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include "tools/server/forms/detail/Base64Decode.h"
@@ -47,6 +49,44 @@ TEST(Base64Decode, DecodesWhatTheLibrarysSixtyFiveCharacterLinesHold) {
   std::string out;
   ASSERT_TRUE(AppendBase64Decoded(text, out));
   EXPECT_EQ(out, data);
+}
+
+// The text of `data` in lines of `lineLength` characters joined by CRLF.
+std::string Encode(const std::string& data, std::size_t lineLength) {
+  static constexpr char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t i = 0; i < data.size(); i += 3) {
+    const std::size_t n = std::min<std::size_t>(3, data.size() - i);
+    std::uint32_t group = 0;
+    for (std::size_t k = 0; k < 3; ++k) {
+      group = (group << 8) | (k < n ? static_cast<unsigned char>(data[i + k]) : 0u);
+    }
+    for (std::size_t k = 0; k < 4; ++k) {
+      text += k <= n ? kAlphabet[(group >> (18 - 6 * k)) & 63] : '=';
+    }
+  }
+  std::string lines;
+  for (std::size_t i = 0; i < text.size(); i += lineLength) {
+    if (i > 0) lines += "\r\n";
+    lines += text.substr(i, lineLength);
+  }
+  return lines;
+}
+
+// Line breaks fall at every place in a group, so both the four-at-a-time path and the
+// character path run with every number of pending values.
+TEST(Base64Decode, DecodesEveryLineLengthAndSize) {
+  std::string data;
+  for (std::size_t size = 0; size <= 100; ++size) {
+    for (std::size_t lineLength = 1; lineLength <= 80; ++lineLength) {
+      const std::string text = Encode(data, lineLength);
+      std::string out;
+      ASSERT_TRUE(AppendBase64Decoded(text, out)) << size << " " << lineLength;
+      ASSERT_EQ(out, data) << size << " " << lineLength;
+    }
+    data += static_cast<char>(size * 37 + 11);
+  }
 }
 
 TEST(Base64Decode, RefusesWhatIsNotBase64) {

@@ -38,6 +38,9 @@ TEST(HeaderField, ReadsValueAndParameters) {
       {"attachment; filename=\"plain.txt\"; FILENAME*=utf-8'en'%C3%A9t%C3%A9.txt",
        "attachment",
        {{"filename", "\xC3\xA9t\xC3\xA9.txt"}, {"filename", "plain.txt"}}},
+      {"inline; filename*=ISO-8859-1''caf%E9.txt; name*=us-ascii''a%20b",
+       "inline",
+       {{"filename", "caf\xC3\xA9.txt"}, {"name", "a b"}}},
   };
   for (const FieldCase& c : cases) {
     SCOPED_TRACE(c.text);
@@ -57,8 +60,8 @@ TEST(HeaderField, FindGivesTheFirstOfDuplicates) {
 }
 
 TEST(HeaderField, RefusesUnterminatedQuotesAndBadExtendedValues) {
-  for (const char* text :
-       {"a; n=\"x", "a; n=\"x\"y", "a; n*=latin1''x", "a; n*=utf-8''%G0", "a; n*=noquotes"}) {
+  for (const char* text : {"a; n=\"x", "a; n=\"x\"y", "a; n*=iso-8859-5''x", "a; n*=us-ascii''%E9",
+                           "a; n*=utf-8''%G0", "a; n*=noquotes"}) {
     SCOPED_TRACE(text);
     CHeaderValue out;
     EXPECT_FALSE(ReadHeaderValue(text, out));

@@ -22,6 +22,8 @@ constexpr std::array<std::uint8_t, 256> MakeTable() {
 }
 constexpr std::array<std::uint8_t, 256> kTable = MakeTable();
 
+std::uint8_t ValueOf(char c) { return kTable[static_cast<unsigned char>(c)]; }
+
 }  // namespace
 
 bool AppendBase64Decoded(std::string_view text, std::string& out) {
@@ -34,34 +36,55 @@ bool AppendBase64Decoded(std::string_view text, std::string& out) {
     out.resize(start + static_cast<std::size_t>(next - first));
     return result;
   };
-  std::uint32_t group = 0;
-  int count = 0;
+
+  // `pending` holds the last `count` (0 to 3) values of a group not yet complete, the oldest
+  // in the highest bits. Four characters at a time go in at once when all four are in the
+  // alphabet, whichever place in a group they start at: the 65-character lines put three of
+  // four lines out of step with the groups.
+  std::uint64_t pending = 0;
+  unsigned count = 0;
+  const auto emitGroup = [&](std::uint32_t group) {
+    *next++ = static_cast<char>(group >> 16);
+    *next++ = static_cast<char>(group >> 8);
+    *next++ = static_cast<char>(group);
+  };
   std::size_t i = 0;
-  for (; i < text.size(); ++i) {
-    const std::uint8_t value = kTable[static_cast<unsigned char>(text[i])];
+  const std::size_t size = text.size();
+  while (i < size) {
+    if (size - i >= 4) {
+      const std::uint32_t a = ValueOf(text[i]);
+      const std::uint32_t b = ValueOf(text[i + 1]);
+      const std::uint32_t c = ValueOf(text[i + 2]);
+      const std::uint32_t d = ValueOf(text[i + 3]);
+      if ((a | b | c | d) < 64) {
+        pending = (pending << 24) | (a << 18) | (b << 12) | (c << 6) | d;
+        emitGroup(static_cast<std::uint32_t>(pending >> (6 * count)) & 0xFFFFFF);
+        pending &= (std::uint64_t{1} << (6 * count)) - 1;
+        i += 4;
+        continue;
+      }
+    }
+    const std::uint8_t value = ValueOf(text[i]);
     if (value < 64) {
-      group = (group << 6) | value;
+      pending = (pending << 6) | value;
       if (++count == 4) {
-        *next++ = static_cast<char>(group >> 16);
-        *next++ = static_cast<char>(group >> 8);
-        *next++ = static_cast<char>(group);
-        group = 0;
+        emitGroup(static_cast<std::uint32_t>(pending));
+        pending = 0;
         count = 0;
       }
-    } else if (value == kBlank) {
-      continue;
     } else if (value == kPad) {
       break;
-    } else {
+    } else if (value != kBlank) {
       return finish(false);
     }
+    ++i;
   }
-  if (i < text.size()) {
+  if (i < size) {
     // Padding: "xx==" or "xxx=", then only blanks.
     if (count < 2) return finish(false);
-    int pads = 0;
-    for (; i < text.size(); ++i) {
-      const std::uint8_t value = kTable[static_cast<unsigned char>(text[i])];
+    unsigned pads = 0;
+    for (; i < size; ++i) {
+      const std::uint8_t value = ValueOf(text[i]);
       if (value == kPad) {
         ++pads;
       } else if (value != kBlank) {
@@ -74,10 +97,10 @@ bool AppendBase64Decoded(std::string_view text, std::string& out) {
   }
   // Unpadded tails are accepted: two or three characters still name whole bytes.
   if (count == 2) {
-    *next++ = static_cast<char>(group >> 4);
+    *next++ = static_cast<char>(pending >> 4);
   } else if (count == 3) {
-    *next++ = static_cast<char>(group >> 10);
-    *next++ = static_cast<char>(group >> 2);
+    *next++ = static_cast<char>(pending >> 10);
+    *next++ = static_cast<char>(pending >> 2);
   }
   return finish(true);
 }

@@ -26,14 +26,39 @@ std::size_t FindClosingQuote(std::string_view field, std::size_t open) {
   return std::string_view::npos;
 }
 
-// An RFC 2231 value: charset "'" language "'" percent-encoded text. Only UTF-8 is read.
+// An RFC 2231 value: charset "'" language "'" percent-encoded text, read into UTF-8. The
+// charsets read are UTF-8 and those whose bytes are their own code points: ISO-8859-1 (what
+// MIME writers choose for Western European names) and US-ASCII.
 bool ReadExtendedValue(std::string_view value, std::string& out) {
   const std::size_t first = value.find('\'');
   if (first == std::string_view::npos) return false;
   const std::size_t second = value.find('\'', first + 1);
   if (second == std::string_view::npos) return false;
-  if (AsciiLower(value.substr(0, first)) != "utf-8") return false;
-  return PercentDecode(value.substr(second + 1), out);
+  const std::string charset = AsciiLower(value.substr(0, first));
+  if (!PercentDecode(value.substr(second + 1), out)) return false;
+  if (charset == "utf-8") return true;
+  if (charset == "iso-8859-1" || charset == "latin1") {
+    std::string utf8;
+    utf8.reserve(out.size() * 2);
+    for (const char c : out) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (byte < 0x80) {
+        utf8 += c;
+      } else {
+        utf8 += static_cast<char>(0xC0 | (byte >> 6));
+        utf8 += static_cast<char>(0x80 | (byte & 0x3F));
+      }
+    }
+    out = std::move(utf8);
+    return true;
+  }
+  if (charset == "us-ascii") {
+    for (const char c : out) {
+      if (static_cast<unsigned char>(c) >= 0x80) return false;
+    }
+    return true;
+  }
+  return false;
 }
 
 }  // namespace

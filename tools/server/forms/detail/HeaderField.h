@@ -5,7 +5,8 @@
 // by nothing but blanks before the next ";" or the end): the library writes names between
 // quotes without escaping them, so `name="say "hi""` reads as `say "hi"`, and a backslash is
 // an ordinary character, as browsers and curl write form data. RFC 2231 extended values in
-// UTF-8 (`filename*=UTF-8''r%C3%A9sum%C3%A9.pdf`) are decoded and win over the plain ones.
+// UTF-8, ISO-8859-1 or US-ASCII (`filename*=UTF-8''r%C3%A9sum%C3%A9.pdf`) are decoded into
+// UTF-8 and win over the plain ones.
 #pragma once
 
 #include <string>
@@ -24,8 +25,8 @@ struct CHeaderValue {
 };
 
 // Reads `field` into `out` (replaced). Returns false for a quoted value without its closing
-// quote, a bad percent-escape in an extended value or an extended value in a charset other
-// than UTF-8. Parameters without "=" are skipped.
+// quote, a bad percent-escape in an extended value or an extended value in another charset.
+// Parameters without "=" are skipped.
 bool ReadHeaderValue(std::string_view field, CHeaderValue& out);
 
 // Decodes the %XX escapes of `text` into `out` (replaced); false for a "%" not followed by two

@@ -1,5 +1,7 @@
 #include "tools/server/forms/detail/Multipart.h"
 
+#include <cstring>  // std::memchr, std::memcmp
+
 #include "tools/server/forms/detail/HeaderField.h"  // AsciiLower, TrimBlanks
 
 namespace PendrelServer::detail {
@@ -8,6 +10,20 @@ namespace {
 constexpr std::size_t npos = std::string_view::npos;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+// The first `delimiter` (which starts with "\n") in `body` at or after `pos`. memchr finds the
+// line ends: the content between them, megabytes of it, is never looked at byte by byte.
+std::size_t FindDelimiter(std::string_view body, std::string_view delimiter, std::size_t pos) {
+  while (pos < body.size() && body.size() - pos >= delimiter.size()) {
+    const void* hit =
+        std::memchr(body.data() + pos, delimiter.front(), body.size() - pos - delimiter.size() + 1);
+    if (hit == nullptr) return npos;
+    pos = static_cast<std::size_t>(static_cast<const char*>(hit) - body.data());
+    if (std::memcmp(body.data() + pos, delimiter.data(), delimiter.size()) == 0) return pos;
+    ++pos;
+  }
+  return npos;
+}
 
 // After a boundary's text at `pos`: "--" (the closing line; sets `closing`), or blanks and a
 // line end (sets `next` past it). False when something else follows: then the text at `pos`
@@ -106,7 +122,7 @@ bool ReadMultipart(std::string_view body, std::string_view boundary,
   std::size_t pos = 0;
   std::size_t next = 0;
   std::size_t candidate =
-      body.substr(0, dashBoundary.size()) == dashBoundary ? 0 : body.find(delimiter);
+      body.substr(0, dashBoundary.size()) == dashBoundary ? 0 : FindDelimiter(body, delimiter, 0);
   for (;;) {
     if (candidate == npos) {
       problem = "the multipart body holds no boundary line";
@@ -114,7 +130,7 @@ bool ReadMultipart(std::string_view body, std::string_view boundary,
     }
     const std::size_t text = candidate == 0 && body[0] == '-' ? 0 : candidate + 1;
     if (ReadBoundaryEnd(body, text + dashBoundary.size(), closing, next)) break;
-    candidate = body.find(delimiter, text + 1);
+    candidate = FindDelimiter(body, delimiter, text + 1);
   }
 
   std::size_t parts = 0;
@@ -129,14 +145,14 @@ bool ReadMultipart(std::string_view body, std::string_view boundary,
     if (!ReadPartFields(body, pos, part, problem)) return false;
     // The content ends at the line end before the next boundary line. The search starts at
     // the blank line's own LF so that an empty content right after it is found too.
-    std::size_t found = body.find(delimiter, pos - 1);
+    std::size_t found = FindDelimiter(body, delimiter, pos - 1);
     for (;;) {
       if (found == npos) {
         problem = "the multipart body ends before its closing boundary line";
         return false;
       }
       if (ReadBoundaryEnd(body, found + delimiter.size(), closing, next)) break;
-      found = body.find(delimiter, found + 1);
+      found = FindDelimiter(body, delimiter, found + 1);
     }
     std::size_t end = found;
     if (end > pos && body[end - 1] == '\r') --end;
