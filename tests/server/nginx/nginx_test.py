@@ -139,6 +139,9 @@ class Cluster:
         try:
             listener.bind(("127.0.0.1", 0))
             listener.listen(64)
+            # nginx takes an inherited socket as it is: a blocking one could leave its worker
+            # asleep in accept() when a connection goes away before it is accepted.
+            listener.setblocking(False)
             self.port = listener.getsockname()[1]
             config = self._config()
             os.makedirs(os.path.join(self.folder, "temp"))
