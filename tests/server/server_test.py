@@ -750,6 +750,10 @@ class Control(ServerTest):
         self.assertIn("error", result)
         self.assertTrue(wait_until(lambda: not processes_with(self.folder), 10))
 
+    def test_sigterm_right_after_the_listening_line(self):
+        server = self.echo_server()
+        self.assertEqual(server.stop(signal.SIGTERM), 0)
+
     def test_sigint_stops_with_status_0(self):
         server = self.echo_server()
         curl(server.url("/echo/WHO/"))

@@ -69,7 +69,18 @@ std::shared_ptr<CServer::CTable> CServer::Table() {
   return m_table;
 }
 
-bool CServer::Listen(std::string& error) { return m_network->Listen(m_settings.Listen, error); }
+bool CServer::Listen(std::string& error) {
+  // Signals are taken over before the listening line is printed: a signal sent as soon as
+  // the line appears is then served, not left to the default action.
+  m_network->HandleSignals([this](int signal) {
+    {
+      std::lock_guard<std::mutex> hold(m_controlLock);
+      (signal == SIGHUP ? m_reloadAsked : m_stopAsked) = true;
+    }
+    m_controlWake.notify_all();
+  });
+  return m_network->Listen(m_settings.Listen, error);
+}
 
 void CServer::Wake() {
   {
@@ -80,13 +91,6 @@ void CServer::Wake() {
 }
 
 int CServer::Run() {
-  m_network->HandleSignals([this](int signal) {
-    {
-      std::lock_guard<std::mutex> hold(m_controlLock);
-      (signal == SIGHUP ? m_reloadAsked : m_stopAsked) = true;
-    }
-    m_controlWake.notify_all();
-  });
   m_network->Start();
   for (;;) {
     std::optional<Clock::time_point> next;

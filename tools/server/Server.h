@@ -64,8 +64,9 @@ class CServer {
   CServer(const CServer&) = delete;
   CServer& operator=(const CServer&) = delete;
 
-  // Binds every listen address and prints "pendrel serve: listening on ADDR:PORT" for each
-  // on stderr. False, with `error`, when an address cannot be used.
+  // Takes over SIGTERM, SIGINT and SIGHUP (served once Run runs), then binds every listen
+  // address and prints "pendrel serve: listening on ADDR:PORT" for each on stderr. False,
+  // with `error`, when an address cannot be used.
   bool Listen(std::string& error);
   // Serves until SIGTERM or SIGINT; returns the exit status (0). The main thread.
   int Run();
