@@ -28,6 +28,7 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.parse
 import uuid
 
 SKIP = 77
@@ -273,25 +274,30 @@ class NginxInFront(unittest.TestCase):
         self.assertEqual(set(servers), {0, 1}, servers)
 
     def test_2_every_request_of_a_session_reaches_the_instance_that_opened_it(self):
-        for number in range(6):
-            key = f"s{number}-{uuid.uuid4().hex[:8]}"
+        # The last key is UTF-8: plain in the JSON body, percent-encoded in the URL.
+        keys = [f"s{number}-{uuid.uuid4().hex[:8]}" for number in range(6)] + ["сессия-7"]
+        for key in keys:
             opening = json.dumps({"key": key, "user": "tester", "task_id": "1",
                                   "handler_code": "text", "task_code": "STATS",
-                                  "log_file": "", "timeout_s": 60})
+                                  "log_file": "", "timeout_s": 60}, ensure_ascii=False)
             status, body, request_id = self.cluster.request(
-                "POST", f"{MOUNT}/_sessions", body=opening.encode(),
+                "POST", f"{MOUNT}/_sessions", body=opening.encode("utf-8"),
                 headers={"Content-Type": "application/json"})
             self.check(status, body, 201)
             owner = self.cluster.served_by(request_id)
+            segment = urllib.parse.quote(key, safe="")
             for _ in range(4):
-                status, body, request_id = stats_request(self.cluster, key)
+                status, body, request_id = stats_request(self.cluster, segment)
                 self.check(status, body)
+                self.assertIn(json.dumps(key).encode("ascii") if key.isascii()
+                              else key.encode("utf-8"), body)
                 self.assertEqual(self.cluster.served_by(request_id), owner, key)
             status, body, request_id = self.cluster.request(
-                "GET", f"{MOUNT}/_sessions/{key}/files")
+                "GET", f"{MOUNT}/_sessions/{segment}/files")
             self.check(status, body)
             self.assertEqual(self.cluster.served_by(request_id), owner, key)
-            status, body, request_id = self.cluster.request("DELETE", f"{MOUNT}/_sessions/{key}")
+            status, body, request_id = self.cluster.request(
+                "DELETE", f"{MOUNT}/_sessions/{segment}")
             self.check(status, body, 204)
             self.assertEqual(self.cluster.served_by(request_id), owner, key)
 
