@@ -260,6 +260,11 @@ class NginxInFront(unittest.TestCase):
     def tearDownClass(cls):
         cls.cluster.stop()
         shutil.rmtree(cls.folder, ignore_errors=True)
+        # The instance that was not killed stops cleanly on SIGTERM.
+        survivor = cls.cluster.instances[0]
+        if survivor.process.returncode != 0:
+            raise AssertionError(f"{survivor.name} ended with {survivor.process.returncode}:\n"
+                                 + survivor.output.text()[-4000:])
 
     def check(self, status, body, expected=200):
         self.assertEqual(status, expected, body.decode("utf-8", "replace"))
