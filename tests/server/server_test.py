@@ -314,6 +314,21 @@ class Routes(ServerTest):
         self.assertIn("NOPE", json.loads(body)["detail"])
         status, _, body = curl(server.url("/_health"))
         self.assertEqual((status, json.loads(body)["status"]), (200, "ok"))
+        # HEAD: the GET's length, no body: the next answer on the connection follows at once.
+        with socket.create_connection(("127.0.0.1", server.port), timeout=10) as s:
+            s.sendall(b"HEAD /_health HTTP/1.1\r\nHost: x\r\n\r\n"
+                      b"GET /_health HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+            received = b""
+            for _ in range(100):
+                chunk = s.recv(65536)
+                if not chunk:
+                    break
+                received += chunk
+        head, _, rest = received.partition(b"\r\n\r\n")
+        self.assertEqual(status_of(head), 200)
+        self.assertIn(b"Content-Length: %d" % len(body), head)
+        self.assertTrue(rest.startswith(b"HTTP/1.1 200 OK\r\n"), rest[:100])
+        self.assertTrue(rest.endswith(body))
         status, fields, body = curl(server.url("/_metrics"))
         self.assertEqual(status, 200)
         text = body.decode()
@@ -659,6 +674,18 @@ class Limits(ServerTest):
         status, _, _ = curl(server.url("/echo/WHO/"))
         self.assertEqual(status, 200)
         self.assertIsNone(server.process.poll())
+
+    def test_random_bytes_never_end_the_server(self):
+        server = self.echo_server()
+        rng = random.Random(9)
+        starts = [b"", b"GET /echo/", b"POST /echo/FILES/ HTTP/1.1\r\nHost: x\r\n",
+                  b"POST /echo/STATS/ HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"]
+        for i in range(200):
+            data = rng.choice(starts) + rng.randbytes(rng.randrange(1, 400))
+            answer = raw_exchange(server.port, data, timeout_s=15, shut=True)
+            self.assertIn(status_of(answer), (None, 400, 404, 405, 413, 431), (i, data[:80]))
+        self.assertIsNone(server.process.poll())
+        self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
 
     def test_header_over_the_limit_gives_431(self):
         server = self.echo_server()

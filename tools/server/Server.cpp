@@ -190,9 +190,9 @@ CRouted CServer::Route(std::string_view method, std::string_view target) {
   }
   const std::string_view path = url->encoded_path();
   if (path == "/_health" || path == "/_metrics") {
-    if (method != "GET") {
-      routed.Rejection = Problem(405, "this route takes GET");
-      routed.Rejection.Fields.emplace_back("Allow", "GET");
+    if (method != "GET" && method != "HEAD") {
+      routed.Rejection = Problem(405, "this route takes GET or HEAD");
+      routed.Rejection.Fields.emplace_back("Allow", "GET, HEAD");
       return routed;
     }
     routed.Kind = path == "/_health" ? CRouted::EKind::Health : CRouted::EKind::Metrics;
