@@ -224,7 +224,47 @@ def build(values):
                       f"{ours / best[0]:.2f}x" if best else "-",
                       "<= 2x payload" if judged else "report (+1 text copy)",
                       ours <= 2.0 if judged else None)
+    server_rows(table, values)
     return table
+
+
+def server_rows(table, values):
+    """`pendrel serve` + the echo handler against nginx + php-fpm (bench/server)."""
+    peer = "nginx+php-fpm"
+    cases = {}
+    for name in values:
+        match = re.match(r"Server/([^/]+)/(\d+)/pendrel$", name)
+        if match:
+            cases.setdefault(match.group(1), []).append(int(match.group(2)))
+
+    def body_bytes(case):
+        return min(table.get(f"Server/{case}/{c}/pendrel", "body_bytes") or 0
+                   for c in cases[case])
+
+    for case in sorted(cases, key=body_bytes):
+        for connections in sorted(cases[case]):
+            stem = f"Server/{case}/{connections}/"
+            ours, theirs = stem + "pendrel", stem + peer
+            label = f"server {case} x{connections}"
+            rate, peer_rate = (table.get(ours, "requests_per_second"),
+                               table.get(theirs, "requests_per_second"))
+            if rate is None or peer_rate is None:
+                table.missing.append(label)
+                continue
+            if table.get(ours, "transfer"):
+                speed, peer_speed = table.speed(ours), table.speed(theirs)
+                table.add(f"{label}: {case} up + {case} down", f"{speed:.2f} GB/s",
+                          f"{peer} {peer_speed:.2f} GB/s", f"{speed / peer_speed:.2f}x",
+                          ">= 1 GB/s", speed >= 1.0)
+            else:
+                table.add(f"{label}: requests/s", f"{rate:.0f}/s", f"{peer} {peer_rate:.0f}/s",
+                          f"{rate / peer_rate:.2f}x", ">= 1x peer", rate >= peer_rate)
+            p50, p99 = table.get(ours, "p50_us") / 1e3, table.get(ours, "p99_us") / 1e3
+            peer50, peer99 = table.get(theirs, "p50_us") / 1e3, table.get(theirs, "p99_us") / 1e3
+            table.add(f"{label}: p50 / p99", f"{p50:.2f} / {p99:.2f} ms",
+                      f"{peer} {peer50:.2f} / {peer99:.2f} ms",
+                      f"{p99 / peer99:.2f}x (p99)" if peer99 else "-", "p99 <= peer",
+                      p99 <= peer99)
 
 
 def main(argv):

@@ -4,8 +4,9 @@
 #
 #   scripts/bench.sh           installs what is missing (the peers with apt-get), builds the
 #                              bench preset (Release), runs every benchmark with 5 repetitions
-#                              (medians), the Windows timing program under Wine (report only),
-#                              and prints the table
+#                              (medians), `pendrel serve` against nginx + php-fpm under wrk
+#                              (bench/server), the Windows timing program under Wine (report
+#                              only), and prints the table
 #   scripts/bench.sh --smoke   builds and runs each benchmark once at a tiny size, to prove
 #                              that they build and run; targets are not judged by it
 #
@@ -26,12 +27,14 @@ esac
 peers=(
   pkg-config rapidjson-dev libboost-json1.81-dev nlohmann-json3-dev libsimdjson-dev
   libssl-dev libzmq3-dev
+  php-fpm wrk nginx-light
 )
 scripts/install-deps.sh "${peers[@]}"
 
 echo "=== Build (bench preset, Release)"
-cmake --preset bench >/dev/null
-cmake --build --preset bench --target pendrel_benchmarks -j 2
+# With the programs: the server figures drive `pendrel serve`.
+cmake --preset bench -DPENDREL_BUILD_TOOLS=ON >/dev/null
+cmake --build --preset bench --target pendrel_benchmarks pendrel_cli -j 2
 
 results="$root/build/bench/results"
 rm -rf "$results"
@@ -55,6 +58,16 @@ for program in json http handler memory; do
     status=1
   fi
 done
+
+echo "=== pendrel serve against nginx + php-fpm (wrk)"
+server_bench=(python3 "$root/bench/server/server_bench.py" --pendrel "$root/build/bench/bin/pendrel"
+  --echo "$root/build/bench/bin/pendrel_bench_echo_handler" --out "$results/server.json")
+((smoke)) && server_bench+=(--smoke)
+if ! "${server_bench[@]}" >"$results/server.txt" 2>&1; then
+  echo "the server benchmark failed:" >&2
+  tail -n 20 "$results/server.txt" >&2
+  status=1
+fi
 
 windows_report=""
 if ((!smoke)); then
@@ -85,7 +98,7 @@ echo
 echo "=== Summary ($( ((smoke)) && echo "smoke run: tiny sizes, one run each, targets not judged" ||
   echo "medians of 5 repetitions"))"
 jsons=()
-for program in json http handler memory; do
+for program in json http handler memory server; do
   [[ -f "$results/$program.json" ]] && jsons+=("$results/$program.json")
 done
 summarize=(python3 "$root/bench/summarize.py")
