@@ -7,13 +7,17 @@
 # peer libraries that way).
 #
 # --demo installs only what scripts/demo.sh needs to build the library, the command-line
-# host and the example handler natively (a compiler, CMake, Ninja, the JSON library of the
-# command line): a few dozen MB instead of about 1 GB with MinGW-w64 and Wine.
+# host (with its HTTP server) and the example handler natively: a compiler, CMake, Ninja, the
+# JSON library of the command line, Boost (Beast, Asio, URL) and toml++ for the server; a few
+# hundred MB instead of about 1 GB more with MinGW-w64 and Wine.
 #
 #   scripts/install-deps.sh [--demo] [package...]
 set -euo pipefail
 
-demo_packages=(cmake ninja-build g++ nlohmann-json3-dev)
+demo_packages=(
+  cmake ninja-build g++ pkg-config nlohmann-json3-dev
+  libboost1.81-dev libboost-url1.81-dev libtomlplusplus-dev
+)
 
 if [[ "${1:-}" == "--demo" ]]; then
   shift
@@ -25,8 +29,7 @@ else
     libgtest-dev googletest libbenchmark-dev
     g++-mingw-w64-x86-64-posix wine64
     python3
-    libboost1.81-dev libboost-url1.81-dev libtomlplusplus-dev libgmime-3.0-dev
-    pkg-config curl nginx-light
+    libgmime-3.0-dev curl nginx-light
     "$@"
   )
 fi
