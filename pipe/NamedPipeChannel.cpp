@@ -150,7 +150,8 @@ struct NamedPipeChannel::Impl {
   bool AcceptClient(detail::PipeTransport& pipe);
   void Exchange();
   void SendNext(detail::PipeTransport& pipe, Transfer& transfer, milliseconds limit);
-  CChannelFailure Receive(std::string_view packet, Transfer& transfer);
+  CChannelFailure Receive(detail::PipeTransport& pipe, Transfer& transfer);
+  bool SendNowLocked(const std::string& message);
   void TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
   CChannelFailure Deliver(std::string message);
@@ -340,23 +341,28 @@ void NamedPipeChannel::Impl::SendNext(detail::PipeTransport& pipe, Transfer& tra
                                       milliseconds limit) {
   if (!transfer.writer.Active()) TakeNextMessage(transfer.writer);
   if (transfer.writer.Active() && !pipe.Sending()) {
-    pipe.Send(transfer.writer.CurrentPacket());
+    pipe.Send(transfer.writer.CurrentPieces());
     transfer.packetDeadline = Clock::now() + limit;
   }
   if (!transfer.writer.Active()) ReportFlush();
 }
 
-// Adds one received packet to the message being read and delivers the message it completes.
-CChannelFailure NamedPipeChannel::Impl::Receive(std::string_view packet, Transfer& transfer) {
+// Adds the packet that arrived to the message being read, its payload received straight into
+// the message, and delivers the message it completes.
+CChannelFailure NamedPipeChannel::Impl::Receive(detail::PipeTransport& pipe, Transfer& transfer) {
+  const std::size_t length = pipe.PacketLength();
   // A handler may use larger packets than ours; the server end adopts their size (the
   // transport has refused packets past MaxPacketSize()).
-  if (end == EPipeEnd::Server && packet.size() > packetSize) {
-    packetSize = static_cast<std::uint32_t>(packet.size());
+  if (end == EPipeEnd::Server && length > packetSize) {
+    packetSize = static_cast<std::uint32_t>(length);
   }
   transfer.lastPacket = Clock::now();
-  switch (transfer.assembler.Add(packet, WirePacketSize(packetSize), maxMessageSize)) {
+  const std::string_view head = pipe.PacketHead();
+  char* payload = nullptr;
+  const MessageAssembler::EStep step =
+      transfer.assembler.Accept(head, length, WirePacketSize(packetSize), maxMessageSize, payload);
+  switch (step) {
     case MessageAssembler::EStep::Complete:
-      return Deliver(transfer.assembler.TakeMessage());
     case MessageAssembler::EStep::Partial:
       break;
     case MessageAssembler::EStep::Invalid:
@@ -364,7 +370,30 @@ CChannelFailure NamedPipeChannel::Impl::Receive(std::string_view packet, Transfe
     case MessageAssembler::EStep::TooLarge:
       return {EChannelFailure::ReadFailed, detail::kTooLargeCode};
   }
+  const std::uint32_t payloadLength = protocol::ReadPacketHeader(head.data()).payload;
+  if (const std::uint32_t error = pipe.TakePacket(payload, payloadLength)) {
+    return {EChannelFailure::ReadFailed, error};
+  }
+  if (step == MessageAssembler::EStep::Complete) return Deliver(transfer.assembler.TakeMessage());
   return {};
+}
+
+// A message that fits one packet, posted while the worker has nothing to write, goes out from
+// the posting thread at once: no hand-over to the worker and no wake-up. Called under
+// `mutex`, which keeps the worker from starting a write of its own or disconnecting meanwhile
+// (it disconnects only after leaving Connected and Draining under the lock). Returns false,
+// having written nothing, when the worker must write it.
+bool NamedPipeChannel::Impl::SendNowLocked(const std::string& message) {
+  if (state != EChannelState::Connected && state != EChannelState::Draining) return false;
+  if (!sendQueue.empty() || writing || !transport) return false;
+  const std::uint32_t wireSize = WirePacketSize(packetSize);
+  const std::size_t room = wireSize - detail::kPacketHeaderSize;
+  if (message.size() > room) return false;
+  detail::PacketPieces pieces{};
+  protocol::WritePacketHeader(pieces.header, {0, static_cast<std::uint32_t>(message.size())});
+  pieces.payload = message;
+  pieces.filler = room - message.size();
+  return transport->SendNow(pieces);
 }
 
 // Reads and writes at the same time, so that two ends that both send large messages cannot
@@ -398,7 +427,7 @@ void NamedPipeChannel::Impl::Exchange() {
     // A packet that arrived is handled before a failure seen in the same wait, so that a
     // message sent just before the peer left is still delivered.
     CChannelFailure failure;
-    if (events.received) failure = Receive(pipe.Packet(), transfer);
+    if (events.received) failure = Receive(pipe, transfer);
     if (failure.Failure == EChannelFailure::None && events.failure != ETransportFailure::None) {
       failure = {FailureOfTransfer(events.failure), events.code};
     }
@@ -526,8 +555,9 @@ void NamedPipeChannel::Close() {
 bool NamedPipeChannel::Post(std::string message) {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
-  impl.sendQueue.push_back(std::move(message));
   impl.answerDue = true;
+  if (impl.SendNowLocked(message)) return true;
+  impl.sendQueue.push_back(std::move(message));
   impl.WakeWorkerLocked();
   return true;
 }

@@ -117,8 +117,11 @@ class NamedPipeChannel {
   // failure stays; InterruptWaits is undone. Safe to call in every state.
   void Close();
 
-  // Appends `message` to the send queue and wakes the worker. Always returns true; the
-  // message waits in the queue until the worker is connected (forever if it has ended).
+  // Sends `message` after everything posted before. Always returns true. A message that fits
+  // one packet, posted while the channel is connected and the worker has nothing to write,
+  // is written by the calling thread at once (Linux) when the pipe takes it without waiting;
+  // any other is appended to the send queue and the worker is woken to write it. A queued
+  // message waits until the worker is connected (forever if it has ended).
   bool Post(std::string message);
 
   // Receive side.
