@@ -4,12 +4,17 @@ namespace Pendrel::base {
 
 void ReserveLarge(std::string& text, std::size_t capacity) {
   if (capacity <= text.capacity()) return;
-  text.reserve(capacity);
-  // Only the block just made is advised, and only its part that the reallocation has not
-  // written (the old contents were copied into its start).
-  if (text.capacity() >= kLargeBufferThreshold) {
-    AdviseLargeBuffer(text.data() + text.size(), text.capacity() - text.size());
+  if (capacity < kLargeBufferThreshold) {
+    text.reserve(capacity);
+    return;
   }
+  // The new block is advised before the old contents are copied into it, so that they too
+  // land on huge pages.
+  std::string fresh;
+  fresh.reserve(capacity);
+  AdviseLargeBuffer(fresh.data(), fresh.capacity());
+  fresh.append(text);
+  text.swap(fresh);
 }
 
 }  // namespace Pendrel::base

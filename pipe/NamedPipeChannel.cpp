@@ -612,6 +612,14 @@ EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds 
   }
 }
 
+bool NamedPipeChannel::WaitForFailure() {
+  Impl& impl = *m_impl;
+  std::unique_lock<std::mutex> lock(impl.mutex);
+  impl.changed.wait(
+      lock, [&impl] { return impl.interrupted || impl.failure.Failure != EChannelFailure::None; });
+  return impl.failure.Failure != EChannelFailure::None;
+}
+
 void NamedPipeChannel::InterruptWaits() {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);

@@ -136,7 +136,11 @@ class NamedPipeChannel {
   // `message`), the failure is set, or `timeout` passes, and says which came first in that
   // order of checks. A `timeout` of milliseconds::max() waits without limit.
   EWaitResult WaitForMessage(std::string& message, std::chrono::milliseconds timeout);
-  // Makes every current and later WaitForMessage return Interrupted at once, until Close.
+  // Blocks until the failure is set or InterruptWaits has been called, without taking any
+  // message; returns whether the failure is set.
+  bool WaitForFailure();
+  // Makes every current and later WaitForMessage return Interrupted, and WaitForFailure
+  // return, at once, until Close.
   // For an owner that stops reading from another thread. Any thread.
   void InterruptWaits();
 

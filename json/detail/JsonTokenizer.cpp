@@ -3,6 +3,7 @@
 #include <algorithm>  // std::min
 #include <array>
 
+#include "base/LargeBuffer.h"
 #include "json/detail/JsonEscapes.h"
 
 namespace Pendrel::detail {
@@ -121,7 +122,7 @@ const char* PieceEnd(const char* first, const char* last) {
 const char* ReadLongString(const char* begin, const char* last, std::string& out) {
   const JsonTextKernels& kernels = JsonText();
   PieceBuffer buffer;
-  out.reserve(static_cast<std::size_t>(last - begin));
+  base::ReserveLarge(out, static_cast<std::size_t>(last - begin));
   const char* first = begin;
   for (;;) {
     const char* const end = PieceEnd(first, last);
@@ -143,7 +144,7 @@ std::string UnescapeJsonText(std::string_view text) {
   const JsonTextKernels& kernels = JsonText();
   PieceBuffer buffer;
   std::string out;
-  out.reserve(text.size());
+  base::ReserveLarge(out, text.size());
   const char* const begin = text.data();
   const char* const last = begin + text.size();
   for (const char* first = begin; first != last;) {
