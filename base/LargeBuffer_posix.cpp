@@ -9,9 +9,8 @@ namespace Pendrel::base {
 void AdviseLargeBuffer(void* data, std::size_t size) noexcept {
 #ifdef MADV_HUGEPAGE
   if (size < kLargeBufferThreshold) return;
-  // Only whole huge pages inside the block can be huge; the advice covers them. The block
-  // comes from its own mapping (the allocator maps blocks this large), so no neighbour's
-  // memory is advised.
+  // Only whole huge pages inside the block can be huge; the advice covers those and nothing
+  // of a neighbour's memory, wherever the allocator took the block from.
   constexpr std::uintptr_t kHugePage = kLargeBufferThreshold;
   const auto first = reinterpret_cast<std::uintptr_t>(data);
   const std::uintptr_t begin = (first + kHugePage - 1) & ~(kHugePage - 1);

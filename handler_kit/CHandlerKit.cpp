@@ -138,7 +138,7 @@ int CHandlerKit::Run(int argc, wchar_t** argv) {
   return Run(arguments);
 }
 
-void CHandlerKit::Handle(const std::string& message) {
+void CHandlerKit::Handle(std::string& message) {
   if (OnMessage) {
     EMessageAction action = EMessageAction::Dispatch;
     try {
@@ -149,10 +149,15 @@ void CHandlerKit::Handle(const std::string& message) {
     if (action == EMessageAction::Consumed) return;
   }
   std::string answer;
-  if (Dispatch(message, answer)) m_impl->channel.Post(std::move(answer));
+  if (Answer(message, answer)) m_impl->channel.Post(std::move(answer));
 }
 
 bool CHandlerKit::Dispatch(const std::string& message, std::string& answer) {
+  std::string text = message;
+  return Answer(text, answer);
+}
+
+bool CHandlerKit::Answer(std::string& message, std::string& answer) {
   const EMessageKind kind = ClassifyMessage(message);
   if (kind == EMessageKind::CloseSession) {
     try {
@@ -174,12 +179,12 @@ bool CHandlerKit::Dispatch(const std::string& message, std::string& answer) {
   return true;
 }
 
-Pendrel::CResponse CHandlerKit::AnswerOf(EMessageKind kind, const std::string& message) {
+Pendrel::CResponse CHandlerKit::AnswerOf(EMessageKind kind, std::string& message) {
   switch (kind) {
     case EMessageKind::Request: {
       if (!OnRequest) return Pendrel::CResponse(std::wstring(L"This handler serves no requests"));
       Pendrel::CRequest request;
-      request.FromJsonString(message);
+      request.FromJsonString(std::move(message));
       return OnRequest(request);
     }
     case EMessageKind::HandlerInfo:

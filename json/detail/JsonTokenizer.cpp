@@ -2,6 +2,7 @@
 
 #include <algorithm>  // std::min
 #include <array>
+#include <cstring>  // std::memmove
 
 #include "base/LargeBuffer.h"
 #include "json/detail/JsonEscapes.h"
@@ -178,6 +179,45 @@ std::string ReadStringToken(std::string_view input, std::size_t& pos) {
   return text;
 }
 
+// Strings from this size on take over the input's buffer when they may.
+constexpr std::size_t kInPlaceThreshold = std::size_t{1} << 20;
+
+std::string JsonTokenizer::ReadString() {
+  if (m_owner == nullptr || m_input.size() - m_pos < kInPlaceThreshold) {
+    return ReadStringToken(m_input, m_pos);
+  }
+  // The string is unescaped towards the start of the buffer: the bytes before it have been
+  // read (they are tokens already, owning their text), and unescaping never writes past
+  // what it has read, so the write position never passes the read position.
+  const JsonTextKernels& kernels = JsonText();
+  PieceBuffer buffer;
+  char* const base = m_owner->data();
+  const char* const last = base + m_owner->size();
+  char* out = base;
+  const char* first = base + m_pos;
+  const char* stop = nullptr;
+  for (;;) {
+    const char* const end = PieceEnd(first, last);
+    stop = end;
+    const char* const written = kernels.copyStringUnescaped(first, end, buffer.data(), stop);
+    const auto length = static_cast<std::size_t>(written - buffer.data());
+    std::memmove(out, buffer.data(), length);
+    out += length;
+    if (stop != end || end == last) break;
+    first = end;
+  }
+  // What follows the string is read from a copy of its own (normally a few closing bytes).
+  m_rest.assign(stop == last ? last : stop + 1, last);
+  std::string text = std::move(*m_owner);
+  m_owner = nullptr;
+  text.resize(static_cast<std::size_t>(out - base));
+  // A string much shorter than the input it came from gives back the rest.
+  if (text.capacity() / 2 > text.size() + kPiece) text.shrink_to_fit();
+  m_input = m_rest;
+  m_pos = 0;
+  return text;
+}
+
 std::optional<JsonTokenValue> ClassifyLiteral(std::string_view word) {
   if (EqualsUpper(word, "NULL")) return JsonTokenValue{JsonKind::Null, std::string()};
   if (EqualsUpper(word, "TRUE")) return JsonTokenValue{JsonKind::Bool, "true"};
@@ -229,7 +269,7 @@ void JsonTokenizer::Step(RingQueue<JsonToken>& tokens, RingQueue<JsonTokenValue>
       case ByteClass::Quote: {
         ++m_pos;
         // The string's value is queued before the pending word's.
-        values.Push(JsonTokenValue{JsonKind::String, ReadStringToken(m_input, m_pos)});
+        values.Push(JsonTokenValue{JsonKind::String, ReadString()});
         FlushWord(tokens, values);
         tokens.Push(JsonToken::Value);
         return;
