@@ -117,6 +117,9 @@ struct NamedPipeChannel::Impl {
   mutable std::mutex mutex;
   // Notified, under `mutex`, whenever anything below changes.
   std::condition_variable changed;
+  // Notified, under `mutex`, when the failure is set or waits are interrupted: what
+  // WaitForFailure waits for, without waking at every message.
+  std::condition_variable endedOrInterrupted;
   EChannelState state = EChannelState::Closed;  // guarded by mutex
   CChannelFailure failure;                      // guarded by mutex
   EFlush flush = EFlush::None;                  // guarded by mutex
@@ -186,6 +189,7 @@ struct NamedPipeChannel::Impl {
   }
   void FailLocked(CChannelFailure what) {
     failure = what;
+    endedOrInterrupted.notify_all();
     if (state != EChannelState::Stopping) state = EChannelState::Failed;
     changed.notify_all();
   }
@@ -515,6 +519,7 @@ bool NamedPipeChannel::WaitForConnection() {
   }
   // The worker goes on waiting for its client up to its own time limit.
   impl.failure = {EChannelFailure::OpenTimedOut, 0};
+  impl.endedOrInterrupted.notify_all();
   impl.changed.notify_all();
   return false;
 }
@@ -624,6 +629,7 @@ void NamedPipeChannel::InterruptWaits() {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.interrupted = true;
+  impl.endedOrInterrupted.notify_all();
   impl.changed.notify_all();
 }
 
