@@ -186,6 +186,16 @@ std::string JsonTokenizer::ReadString() {
   if (m_owner == nullptr || m_input.size() - m_pos < kInPlaceThreshold) {
     return ReadStringToken(m_input, m_pos);
   }
+  // Only a string that is most of the input takes its buffer over: the rest of the input
+  // is copied out of the way, and the buffer is as large as the whole input. Finding its
+  // end first is a read, far cheaper than the copy and the fresh memory it saves.
+  bool hasBackslash = false;
+  const char* const begin = m_input.data() + m_pos;
+  const char* const stringEnd =
+      JsonText().findStringEnd(begin, m_input.data() + m_input.size(), hasBackslash);
+  if (static_cast<std::size_t>(stringEnd - begin) < (m_input.size() - m_pos) / 2) {
+    return ReadStringToken(m_input, m_pos);
+  }
   // The string is unescaped towards the start of the buffer: the bytes before it have been
   // read (they are tokens already, owning their text), and unescaping never writes past
   // what it has read, so the write position never passes the read position.

@@ -442,7 +442,12 @@ TEST(JsonParserInPlace, GivesTheSameTreeAsParsingACopy) {
 
 // The long string takes over the input's memory instead of being copied out of it.
 TEST(JsonParserInPlace, LongStringKeepsTheInputsMemory) {
-  std::string input = "{\"Data\":\"" + std::string(std::size_t{4} << 20, 'd') + "\"}";
+  // Built at its exact size: a string much shorter than its buffer's capacity gives the
+  // rest back by a copy.
+  const std::string contents(std::size_t{4} << 20, 'd');
+  std::string input;
+  input.reserve(contents.size() + 11);
+  input.append("{\"Data\":\"").append(contents).append("\"}");
   const char* const memory = input.data();
   JsonValue root;
   std::string error;
@@ -450,7 +455,7 @@ TEST(JsonParserInPlace, LongStringKeepsTheInputsMemory) {
   ASSERT_TRUE(error.empty());
   const std::string data = TakeString(*FindMember(root, "Data"));
   EXPECT_EQ(data.data(), memory);
-  EXPECT_EQ(data, std::string(std::size_t{4} << 20, 'd'));
+  EXPECT_EQ(data, contents);
 }
 
 }  // namespace
