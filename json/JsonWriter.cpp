@@ -1,6 +1,7 @@
 #include "json/JsonWriter.h"
 
 #include <algorithm>  // std::min
+#include <array>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,11 +16,6 @@ using detail::JsonNode;
 using detail::JsonValueAccess;
 
 namespace {
-
-// The pieces in which strings are escaped, and the room that escaping one needs beyond what
-// it writes: twice its size (every byte escaped) and the kernels' slack.
-constexpr std::size_t kPiece = 8192;
-constexpr std::size_t kPieceRoom = 2 * kPiece + detail::kCopySlack;
 
 // Room for the escapes of a text, taken as one byte in sixteen: binary contents escape about
 // one byte in thirty, so the output is normally reserved once; more escapes grow it.
@@ -38,10 +34,8 @@ class EstimatingSink {
   std::size_t m_size = 0;
 };
 
-// Appends to a string. Strings are escaped piece by piece straight into the string's room:
-// each piece first extends the string by its longest escaped size (cleared in the cache,
-// where the escaped bytes then overwrite it) and then cuts it back to what was written, so
-// the text is written to memory once, as a copy would write it.
+// Appends to a string. Strings are escaped piece by piece into a small buffer that stays in
+// the cache, then appended, which costs less than measuring every escape first.
 class StringSink {
  public:
   explicit StringSink(std::string& out) : m_out(out), m_kernels(detail::JsonText()) {}
@@ -54,18 +48,18 @@ class StringSink {
     while (first != last) {
       const std::size_t piece =
           std::min<std::size_t>(kPiece, static_cast<std::size_t>(last - first));
-      const std::size_t start = m_out.size();
-      m_out.resize(start + 2 * piece + detail::kCopySlack);
-      char* const out = m_out.data() + start;
-      const char* const end = m_kernels.copyEscaped(first, first + piece, out);
-      m_out.resize(start + static_cast<std::size_t>(end - out));
+      const char* const end = m_kernels.copyEscaped(first, first + piece, m_buffer.data());
+      m_out.append(m_buffer.data(), static_cast<std::size_t>(end - m_buffer.data()));
       first += piece;
     }
   }
 
  private:
+  static constexpr std::size_t kPiece = 8192;  // escaped, at most twice as long
+
   std::string& m_out;
   const detail::JsonTextKernels& m_kernels;
+  std::array<char, 2 * kPiece + detail::kCopySlack> m_buffer;
 };
 
 class Serialiser {
@@ -158,7 +152,7 @@ class Serialiser {
 
 std::string EscapeJsonText(std::string_view text) {
   std::string out;
-  out.reserve(EstimatedEscapedSize(text) + kPieceRoom);
+  out.reserve(EstimatedEscapedSize(text));
   StringSink(out).PutEscaped(text);
   return out;
 }
@@ -170,7 +164,7 @@ void WriteJson(const JsonWriteStyle& style, const JsonValue& value, std::string&
   serialiser.Write(root, estimate);
   std::string text;
   // A text of megabytes is mostly one file: its pages come huge before it is written.
-  base::ReserveLarge(text, estimate.Size() + kPieceRoom);
+  base::ReserveLarge(text, estimate.Size());
   StringSink sink(text);
   serialiser.Write(root, sink);
   // The text is written over `out` from its start, the way an output string stream seeded
