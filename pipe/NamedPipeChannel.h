@@ -2,12 +2,16 @@
 // library and one handler process over a named pipe. The library opens the server end and
 // the handler connects as the client; the same class can open the client end.
 //
-// Callers queue outgoing messages (Post) and take incoming ones (TakeMessage or
-// WaitForMessage); one worker thread per open channel alone touches the pipe. It cuts each
-// message into packets of P = max(PacketSize(), 128) bytes, each starting with an 8-byte
-// little-endian header (packets still to come after this one, payload bytes in this one), and
-// puts received packets back together. The worker sleeps in the operating system until data
-// arrives, a packet has gone out, or a caller posts, asks for a flush or closes.
+// Callers post outgoing messages (Post) and take incoming ones (TakeMessage or
+// WaitForMessage); one worker thread per open channel reads the pipe and writes queued
+// messages. It cuts each message into packets of P = max(PacketSize(), 128) bytes, each
+// starting with an 8-byte little-endian header (packets still to come after this one, payload
+// bytes in this one), and puts received packets back together, each payload received straight
+// into its message. The worker sleeps in the operating system until data arrives, a packet
+// has gone out, or a caller posts, asks for a flush or closes. A message of one packet posted
+// while the worker has nothing to write is written by the posting thread itself (Linux), under
+// the channel's lock, which saves the hand-over to the worker on the path of every small
+// request and answer.
 //
 // Received messages wait in the receive queue until somebody takes them. On a server end
 // (the library's, facing a handler program it does not trust) a message is asked for when it
