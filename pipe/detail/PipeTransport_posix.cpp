@@ -27,7 +27,6 @@
 #include <cerrno>
 #include <climits>  // IOV_MAX
 #include <cstdlib>  // std::getenv, mkdtemp
-#include <cstring>  // std::memcpy
 #include <mutex>
 #include <string>
 #include <utility>
@@ -259,7 +258,7 @@ struct PipeTransport::Impl {
   std::string outgoing;
   PacketPieces pieces{};
   bool sendPending = false;  // `pieces` wait for room in the socket
-  bool sendDone = false;     // `outgoing` went out; reported by the next Wait
+  bool sendDone = false;     // the packet went out; reported by the next Wait
   std::uint32_t sendError = 0;
 
   // Removes the server end's socket file and lock file, if it still has them.
@@ -286,8 +285,6 @@ struct PipeTransport::Impl {
     RetryOnEintr([&] { return ::eventfd_read(wake.Get(), &ignored); });
   }
 
-  // One attempt; `sendPending` stays set when the socket has no room yet. The pieces go
-  // as one packet by sendmsg: header, payload and filler, none of them copied here.
   ssize_t SendWhole() {
     return RetryOnEintr([&] {
       return ::send(connection.Get(), outgoing.data(), outgoing.size(),
@@ -302,6 +299,7 @@ struct PipeTransport::Impl {
     TrySend();
   }
 
+  // One attempt; `sendPending` stays set when the socket has no room yet.
   void TrySend() {
     const std::size_t size = whole ? outgoing.size() : pieces.Size();
     const ssize_t sent = whole ? SendWhole() : SendPieces(connection.Get(), pieces);
