@@ -4,7 +4,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>  // std::_Exit
-#include <deque>
 #include <exception>
 #include <mutex>
 #include <system_error>  // std::system_category
@@ -57,13 +56,9 @@ std::string NoConnectionText(const std::wstring& pipeName, std::uint32_t connect
 struct CHandlerKit::Impl {
   Pendrel::NamedPipeChannel channel;
   mutable std::mutex mutex;
-  std::condition_variable stopped;  // notified when `stop` is set
-  bool stop = false;                // guarded by mutex; sticky
-  std::wstring lastErrorText;       // guarded by mutex
-  // What the reader took off the channel for Run, and whether it has seen the end.
-  std::condition_variable arrived;   // notified when `inbox` or `ended` change
-  std::deque<std::string> inbox;     // guarded by mutex
-  bool ended = false;                // guarded by mutex
+  std::condition_variable stopped;   // notified when `stop` is set
+  bool stop = false;                 // guarded by mutex; sticky
+  std::wstring lastErrorText;        // guarded by mutex
   std::condition_variable finished;  // notified when `serving` is cleared
   bool serving = false;              // guarded by mutex; Run is taking messages
 
@@ -86,39 +81,23 @@ struct CHandlerKit::Impl {
     }
   }
 
-  // The reader: takes the channel's messages for Run while Run's callbacks work, so that
-  // the end of the pipe is seen even while a callback runs. A callback still running
-  // `grace` after the pipe has closed ends the process.
-  void Read(std::chrono::milliseconds grace) {
-    for (;;) {
-      std::string message;
-      const Pendrel::EWaitResult result =
-          channel.WaitForMessage(message, std::chrono::milliseconds::max());
-      std::unique_lock<std::mutex> lock(mutex);
-      if (result == Pendrel::EWaitResult::Message) {
-        inbox.push_back(std::move(message));
-        arrived.notify_all();
-        continue;
-      }
-      ended = true;
-      arrived.notify_all();
-      if (result != Pendrel::EWaitResult::Error) return;  // Stop
-      if (!finished.wait_for(lock, grace, [this] { return !serving; })) {
-        std::_Exit(kExitCallbackOverran);
-      }
-      return;
+  // The watcher: sees the end of the pipe while a callback runs. A callback still running
+  // `grace` after the pipe has closed ends the process. Returns once Run stops serving.
+  void Watch(std::chrono::milliseconds grace) {
+    if (!channel.WaitForFailure()) return;  // Run is done
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!finished.wait_for(lock, grace, [this] { return !serving; })) {
+      std::_Exit(kExitCallbackOverran);
     }
   }
 
-  // The next message for Run; false once the reader has seen the end (after the messages
-  // it took before) or Stop was called.
+  // The next message for Run, taken off the channel by Run's own thread, which then answers
+  // it: no hand-over between threads on the way. False once the pipe has ended (after the
+  // messages that came before) or Stop was called.
   bool NextMessage(std::string& message) {
-    std::unique_lock<std::mutex> lock(mutex);
-    arrived.wait(lock, [this] { return stop || ended || !inbox.empty(); });
-    if (stop || inbox.empty()) return false;
-    message = std::move(inbox.front());
-    inbox.pop_front();
-    return true;
+    if (StopRequested()) return false;
+    return channel.WaitForMessage(message, std::chrono::milliseconds::max()) ==
+           Pendrel::EWaitResult::Message;
   }
 
   void SetServing(bool value) {
@@ -156,22 +135,17 @@ int CHandlerKit::Run(const CHandlerArguments& arguments) {
       // Nothing to answer yet; the conversation goes on.
     }
   }
-  // Stop interrupts the reader's wait; the channel is interrupted after the stop flag is
-  // set, so a Stop that comes between the check and the wait still ends it. The library
-  // ends a handler by closing the pipe: the reader sees it as the channel's failure.
-  {
-    const std::lock_guard<std::mutex> lock(impl.mutex);
-    impl.inbox.clear();
-    impl.ended = false;
-    impl.serving = true;
-  }
-  std::thread reader(
-      [&impl, grace = std::chrono::milliseconds(CloseGracePeriodMs)] { impl.Read(grace); });
+  // Stop interrupts the wait for the next message; the channel is interrupted after the stop
+  // flag is set, so a Stop that comes between the check and the wait still ends it. The
+  // library ends a handler by closing the pipe: the channel's failure.
+  impl.SetServing(true);
+  std::thread watcher(
+      [&impl, grace = std::chrono::milliseconds(CloseGracePeriodMs)] { impl.Watch(grace); });
   std::string message;
   while (impl.NextMessage(message)) Handle(message);
   impl.SetServing(false);
-  impl.channel.InterruptWaits();  // a reader still waiting (Stop) ends now
-  reader.join();
+  impl.channel.InterruptWaits();  // a watcher still waiting (no failure) ends now
+  watcher.join();
   impl.channel.Close();
   impl.SetLastErrorText(impl.channel.TakeErrorText());
   return kExitPipeClosed;
@@ -198,7 +172,7 @@ int CHandlerKit::Run(int argc, wchar_t** argv) {
   return Run(arguments);
 }
 
-void CHandlerKit::Handle(const std::string& message) {
+void CHandlerKit::Handle(std::string& message) {
   if (OnMessage) {
     EMessageAction action = EMessageAction::Dispatch;
     try {
@@ -209,10 +183,15 @@ void CHandlerKit::Handle(const std::string& message) {
     if (action == EMessageAction::Consumed) return;
   }
   std::string answer;
-  if (Dispatch(message, answer)) m_impl->channel.Post(std::move(answer));
+  if (Answer(message, answer)) m_impl->channel.Post(std::move(answer));
 }
 
 bool CHandlerKit::Dispatch(const std::string& message, std::string& answer) {
+  std::string text = message;
+  return Answer(text, answer);
+}
+
+bool CHandlerKit::Answer(std::string& message, std::string& answer) {
   const EMessageKind kind = ClassifyMessage(message);
   if (kind == EMessageKind::CloseSession) {
     try {
@@ -234,12 +213,12 @@ bool CHandlerKit::Dispatch(const std::string& message, std::string& answer) {
   return true;
 }
 
-Pendrel::CResponse CHandlerKit::AnswerOf(EMessageKind kind, const std::string& message) {
+Pendrel::CResponse CHandlerKit::AnswerOf(EMessageKind kind, std::string& message) {
   switch (kind) {
     case EMessageKind::Request: {
       if (!OnRequest) return Pendrel::CResponse(std::wstring(L"This handler serves no requests"));
       Pendrel::CRequest request;
-      request.FromJsonString(message);
+      request.FromJsonString(std::move(message));
       return OnRequest(request);
     }
     case EMessageKind::HandlerInfo:
@@ -279,7 +258,6 @@ void CHandlerKit::Stop() {
     const std::lock_guard<std::mutex> lock(impl.mutex);
     impl.stop = true;
     impl.stopped.notify_all();
-    impl.arrived.notify_all();
   }
   impl.channel.InterruptWaits();
 }

@@ -147,8 +147,10 @@ class CHandlerKit {
   std::wstring LastErrorText() const;
 
  private:
-  Pendrel::CResponse AnswerOf(EMessageKind kind, const std::string& message);
-  void Handle(const std::string& message);
+  // Handle, Answer and AnswerOf may consume `message` (a request's files are read within it).
+  Pendrel::CResponse AnswerOf(EMessageKind kind, std::string& message);
+  bool Answer(std::string& message, std::string& answer);
+  void Handle(std::string& message);
 
   struct Impl;
   std::unique_ptr<Impl> m_impl;

@@ -61,6 +61,7 @@ struct OpenFrame {
 class TreeBuilder {
  public:
   explicit TreeBuilder(std::string_view input) : m_tokenizer(input) {}
+  explicit TreeBuilder(std::string& owner) : m_tokenizer(owner) {}
 
   // The root on success; the error otherwise.
   bool Run(JsonValue& root, std::string& message) {
@@ -171,15 +172,27 @@ class TreeBuilder {
 
 }  // namespace
 
-void ParseJson(std::string& errorText, JsonValue& result, std::string_view input) {
+namespace {
+
+void Build(TreeBuilder&& builder, std::string& errorText, JsonValue& result) {
   std::string message;
   JsonValue root;
-  if (TreeBuilder(input).Run(root, message)) {
+  if (builder.Run(root, message)) {
     result = std::move(root);
   } else {
     result = JsonValue();
     errorText = std::move(message);
   }
+}
+
+}  // namespace
+
+void ParseJson(std::string& errorText, JsonValue& result, std::string_view input) {
+  Build(TreeBuilder(input), errorText, result);
+}
+
+void ParseJsonInPlace(std::string& errorText, JsonValue& result, std::string& input) {
+  Build(TreeBuilder(input), errorText, result);
 }
 
 }  // namespace Pendrel

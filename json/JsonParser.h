@@ -33,4 +33,10 @@ namespace Pendrel {
 // Only running out of memory throws.
 void ParseJson(std::string& errorText, JsonValue& result, std::string_view input);
 
+// ParseJson, with the first string of a megabyte or more (normally a file's contents) read
+// in place: unescaped within `input`'s buffer, which then becomes that string's value, so it
+// takes neither new memory nor a copy. The result is the same as ParseJson's; `input` is
+// left in an unspecified state.
+void ParseJsonInPlace(std::string& errorText, JsonValue& result, std::string& input);
+
 }  // namespace Pendrel

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/LargeBuffer.h"
 #include "json/detail/JsonEscapes.h"
 #include "json/detail/JsonNode.h"
 
@@ -162,7 +163,8 @@ void WriteJson(const JsonWriteStyle& style, const JsonValue& value, std::string&
   EstimatingSink estimate;
   serialiser.Write(root, estimate);
   std::string text;
-  text.reserve(estimate.Size());
+  // A text of megabytes is mostly one file: its pages come huge before it is written.
+  base::ReserveLarge(text, estimate.Size());
   StringSink sink(text);
   serialiser.Write(root, sink);
   // The text is written over `out` from its start, the way an output string stream seeded

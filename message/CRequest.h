@@ -69,6 +69,10 @@ class PENDREL_API CRequest {
   // MIME name (Binary otherwise). Returns false only when an error (running out of memory)
   // interrupts the reading; the record is then partly filled.
   bool FromJsonString(const std::string& json);
+  // The same for a text the caller gives away: a file's contents are read within the text's
+  // own memory and become the file's Data without a copy. `json` is left in an unspecified
+  // state.
+  bool FromJsonString(std::string&& json);
 
   // The URL form: ["http://" server "/"] Command "/" (CommandAtribute for REF, SREF, DOC,
   // SDOC, SIMPLEX and DUPLEX, else `session`), then "/key/value" per command parameter and

@@ -56,18 +56,22 @@ std::string CRequest::ToJsonString() const {
   return text;
 }
 
-bool CRequest::FromJsonString(const std::string& json) {
-  // Emptied first, so a failure never leaves the old contents behind.
-  *this = CRequest();
+namespace {
+
+// Fills `request` (emptied first, so a failure never leaves the old contents behind) from the
+// tree that `parse` makes; see FromJsonString.
+template <typename Parse>
+bool ReadRequest(CRequest& request, const Parse& parse) {
+  request = CRequest();
   try {
     JsonValue root;
     std::string ignoredError;  // text that is not JSON reads as an empty document
-    ParseJson(ignoredError, root, json);
-    Command = AsWString(GetMember(root, "Command"), L"");
-    CommandAtribute = AsWString(GetMember(root, "CommandAtribute"), L"");
-    ReadParams(GetMember(root, "CommandParams"), CommandParams,
+    parse(ignoredError, root);
+    request.Command = AsWString(GetMember(root, "Command"), L"");
+    request.CommandAtribute = AsWString(GetMember(root, "CommandAtribute"), L"");
+    ReadParams(GetMember(root, "CommandParams"), request.CommandParams,
                [](std::wstring key) { return key; });
-    ReadParams(GetMember(root, "RequestParams"), RequestParams,
+    ReadParams(GetMember(root, "RequestParams"), request.RequestParams,
                [](std::wstring key) { return ToUpperW(std::move(key)); });
     JsonValue* files = FindMember(root, "InputData");
     if (files != nullptr && IsArray(*files)) {
@@ -80,13 +84,26 @@ bool CRequest::FromJsonString(const std::string& json) {
         file.Type = GetMimeType(AsString(GetMember(object, "Type")));
         // Contents can be megabytes: moved out of the parsed tree, not copied.
         if (JsonValue* data = FindMember(object, "Data")) file.Data = TakeString(*data);
-        InputData.push_back(std::move(file));
+        request.InputData.push_back(std::move(file));
       }
     }
     return true;
   } catch (...) {
     return false;
   }
+}
+
+}  // namespace
+
+bool CRequest::FromJsonString(const std::string& json) {
+  return ReadRequest(
+      *this, [&json](std::string& error, JsonValue& root) { ParseJson(error, root, json); });
+}
+
+bool CRequest::FromJsonString(std::string&& json) {
+  // The text is ours: a file's contents are read within it, not copied out of it.
+  return ReadRequest(
+      *this, [&json](std::string& error, JsonValue& root) { ParseJsonInPlace(error, root, json); });
 }
 
 }  // namespace Pendrel

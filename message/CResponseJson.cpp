@@ -89,7 +89,8 @@ bool CResponse::FromJsonString(std::string text) {
   try {
     JsonValue root;
     std::string ignoredError;  // text that is not JSON reads as an empty document
-    ParseJson(ignoredError, root, text);
+    // The text is ours: a file's contents are read within it, not copied out of it.
+    ParseJsonInPlace(ignoredError, root, text);
 
     JsonValue* files = FindMember(root, "Data");
     if (files != nullptr && IsArray(*files)) {

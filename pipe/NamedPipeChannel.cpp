@@ -117,6 +117,9 @@ struct NamedPipeChannel::Impl {
   mutable std::mutex mutex;
   // Notified, under `mutex`, whenever anything below changes.
   std::condition_variable changed;
+  // Notified, under `mutex`, when the failure is set or waits are interrupted: what
+  // WaitForFailure waits for, without waking at every message.
+  std::condition_variable endedOrInterrupted;
   EChannelState state = EChannelState::Closed;  // guarded by mutex
   CChannelFailure failure;                      // guarded by mutex
   EFlush flush = EFlush::None;                  // guarded by mutex
@@ -150,7 +153,8 @@ struct NamedPipeChannel::Impl {
   bool AcceptClient(detail::PipeTransport& pipe);
   void Exchange();
   void SendNext(detail::PipeTransport& pipe, Transfer& transfer, milliseconds limit);
-  CChannelFailure Receive(std::string_view packet, Transfer& transfer);
+  CChannelFailure Receive(detail::PipeTransport& pipe, Transfer& transfer);
+  bool SendNowLocked(const std::string& message);
   void TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
   CChannelFailure Deliver(std::string message);
@@ -185,6 +189,7 @@ struct NamedPipeChannel::Impl {
   }
   void FailLocked(CChannelFailure what) {
     failure = what;
+    endedOrInterrupted.notify_all();
     if (state != EChannelState::Stopping) state = EChannelState::Failed;
     changed.notify_all();
   }
@@ -340,23 +345,28 @@ void NamedPipeChannel::Impl::SendNext(detail::PipeTransport& pipe, Transfer& tra
                                       milliseconds limit) {
   if (!transfer.writer.Active()) TakeNextMessage(transfer.writer);
   if (transfer.writer.Active() && !pipe.Sending()) {
-    pipe.Send(transfer.writer.CurrentPacket());
+    pipe.Send(transfer.writer.CurrentPieces());
     transfer.packetDeadline = Clock::now() + limit;
   }
   if (!transfer.writer.Active()) ReportFlush();
 }
 
-// Adds one received packet to the message being read and delivers the message it completes.
-CChannelFailure NamedPipeChannel::Impl::Receive(std::string_view packet, Transfer& transfer) {
+// Adds the packet that arrived to the message being read, its payload received straight into
+// the message, and delivers the message it completes.
+CChannelFailure NamedPipeChannel::Impl::Receive(detail::PipeTransport& pipe, Transfer& transfer) {
+  const std::size_t length = pipe.PacketLength();
   // A handler may use larger packets than ours; the server end adopts their size (the
   // transport has refused packets past MaxPacketSize()).
-  if (end == EPipeEnd::Server && packet.size() > packetSize) {
-    packetSize = static_cast<std::uint32_t>(packet.size());
+  if (end == EPipeEnd::Server && length > packetSize) {
+    packetSize = static_cast<std::uint32_t>(length);
   }
   transfer.lastPacket = Clock::now();
-  switch (transfer.assembler.Add(packet, WirePacketSize(packetSize), maxMessageSize)) {
+  const std::string_view head = pipe.PacketHead();
+  char* payload = nullptr;
+  const MessageAssembler::EStep step =
+      transfer.assembler.Accept(head, length, WirePacketSize(packetSize), maxMessageSize, payload);
+  switch (step) {
     case MessageAssembler::EStep::Complete:
-      return Deliver(transfer.assembler.TakeMessage());
     case MessageAssembler::EStep::Partial:
       break;
     case MessageAssembler::EStep::Invalid:
@@ -364,7 +374,30 @@ CChannelFailure NamedPipeChannel::Impl::Receive(std::string_view packet, Transfe
     case MessageAssembler::EStep::TooLarge:
       return {EChannelFailure::ReadFailed, detail::kTooLargeCode};
   }
+  const std::uint32_t payloadLength = protocol::ReadPacketHeader(head.data()).payload;
+  if (const std::uint32_t error = pipe.TakePacket(payload, payloadLength)) {
+    return {EChannelFailure::ReadFailed, error};
+  }
+  if (step == MessageAssembler::EStep::Complete) return Deliver(transfer.assembler.TakeMessage());
   return {};
+}
+
+// A message that fits one packet, posted while the worker has nothing to write, goes out from
+// the posting thread at once: no hand-over to the worker and no wake-up. Called under
+// `mutex`, which keeps the worker from starting a write of its own or disconnecting meanwhile
+// (it disconnects only after leaving Connected and Draining under the lock). Returns false,
+// having written nothing, when the worker must write it.
+bool NamedPipeChannel::Impl::SendNowLocked(const std::string& message) {
+  if (state != EChannelState::Connected && state != EChannelState::Draining) return false;
+  if (!sendQueue.empty() || writing || !transport) return false;
+  const std::uint32_t wireSize = WirePacketSize(packetSize);
+  const std::size_t room = wireSize - detail::kPacketHeaderSize;
+  if (message.size() > room) return false;
+  detail::PacketPieces pieces{};
+  protocol::WritePacketHeader(pieces.header, {0, static_cast<std::uint32_t>(message.size())});
+  pieces.payload = message;
+  pieces.filler = room - message.size();
+  return transport->SendNow(pieces);
 }
 
 // Reads and writes at the same time, so that two ends that both send large messages cannot
@@ -398,7 +431,7 @@ void NamedPipeChannel::Impl::Exchange() {
     // A packet that arrived is handled before a failure seen in the same wait, so that a
     // message sent just before the peer left is still delivered.
     CChannelFailure failure;
-    if (events.received) failure = Receive(pipe.Packet(), transfer);
+    if (events.received) failure = Receive(pipe, transfer);
     if (failure.Failure == EChannelFailure::None && events.failure != ETransportFailure::None) {
       failure = {FailureOfTransfer(events.failure), events.code};
     }
@@ -486,6 +519,7 @@ bool NamedPipeChannel::WaitForConnection() {
   }
   // The worker goes on waiting for its client up to its own time limit.
   impl.failure = {EChannelFailure::OpenTimedOut, 0};
+  impl.endedOrInterrupted.notify_all();
   impl.changed.notify_all();
   return false;
 }
@@ -526,8 +560,9 @@ void NamedPipeChannel::Close() {
 bool NamedPipeChannel::Post(std::string message) {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
-  impl.sendQueue.push_back(std::move(message));
   impl.answerDue = true;
+  if (impl.SendNowLocked(message)) return true;
+  impl.sendQueue.push_back(std::move(message));
   impl.WakeWorkerLocked();
   return true;
 }
@@ -582,10 +617,19 @@ EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds 
   }
 }
 
+bool NamedPipeChannel::WaitForFailure() {
+  Impl& impl = *m_impl;
+  std::unique_lock<std::mutex> lock(impl.mutex);
+  impl.changed.wait(
+      lock, [&impl] { return impl.interrupted || impl.failure.Failure != EChannelFailure::None; });
+  return impl.failure.Failure != EChannelFailure::None;
+}
+
 void NamedPipeChannel::InterruptWaits() {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.interrupted = true;
+  impl.endedOrInterrupted.notify_all();
   impl.changed.notify_all();
 }
 

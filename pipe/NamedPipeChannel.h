@@ -2,12 +2,16 @@
 // library and one handler process over a named pipe. The library opens the server end and
 // the handler connects as the client; the same class can open the client end.
 //
-// Callers queue outgoing messages (Post) and take incoming ones (TakeMessage or
-// WaitForMessage); one worker thread per open channel alone touches the pipe. It cuts each
-// message into packets of P = max(PacketSize(), 128) bytes, each starting with an 8-byte
-// little-endian header (packets still to come after this one, payload bytes in this one), and
-// puts received packets back together. The worker sleeps in the operating system until data
-// arrives, a packet has gone out, or a caller posts, asks for a flush or closes.
+// Callers post outgoing messages (Post) and take incoming ones (TakeMessage or
+// WaitForMessage); one worker thread per open channel reads the pipe and writes queued
+// messages. It cuts each message into packets of P = max(PacketSize(), 128) bytes, each
+// starting with an 8-byte little-endian header (packets still to come after this one, payload
+// bytes in this one), and puts received packets back together, each payload received straight
+// into its message. The worker sleeps in the operating system until data arrives, a packet
+// has gone out, or a caller posts, asks for a flush or closes. A message of one packet posted
+// while the worker has nothing to write is written by the posting thread itself (Linux), under
+// the channel's lock, which saves the hand-over to the worker on the path of every small
+// request and answer.
 //
 // Received messages wait in the receive queue until somebody takes them. On a server end
 // (the library's, facing a handler program it does not trust) a message is asked for when it
@@ -117,8 +121,11 @@ class NamedPipeChannel {
   // failure stays; InterruptWaits is undone. Safe to call in every state.
   void Close();
 
-  // Appends `message` to the send queue and wakes the worker. Always returns true; the
-  // message waits in the queue until the worker is connected (forever if it has ended).
+  // Sends `message` after everything posted before. Always returns true. A message that fits
+  // one packet, posted while the channel is connected and the worker has nothing to write,
+  // is written by the calling thread at once (Linux) when the pipe takes it without waiting;
+  // any other is appended to the send queue and the worker is woken to write it. A queued
+  // message waits until the worker is connected (forever if it has ended).
   bool Post(std::string message);
 
   // Receive side.
@@ -133,7 +140,11 @@ class NamedPipeChannel {
   // `message`), the failure is set, or `timeout` passes, and says which came first in that
   // order of checks. A `timeout` of milliseconds::max() waits without limit.
   EWaitResult WaitForMessage(std::string& message, std::chrono::milliseconds timeout);
-  // Makes every current and later WaitForMessage return Interrupted at once, until Close.
+  // Blocks until the failure is set or InterruptWaits has been called, without taking any
+  // message; returns whether the failure is set.
+  bool WaitForFailure();
+  // Makes every current and later WaitForMessage return Interrupted, and WaitForFailure
+  // return, at once, until Close.
   // For an owner that stops reading from another thread. Any thread.
   void InterruptWaits();
 

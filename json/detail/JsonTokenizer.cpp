@@ -2,7 +2,9 @@
 
 #include <algorithm>  // std::min
 #include <array>
+#include <cstring>  // std::memmove
 
+#include "base/LargeBuffer.h"
 #include "json/detail/JsonEscapes.h"
 
 namespace Pendrel::detail {
@@ -121,7 +123,7 @@ const char* PieceEnd(const char* first, const char* last) {
 const char* ReadLongString(const char* begin, const char* last, std::string& out) {
   const JsonTextKernels& kernels = JsonText();
   PieceBuffer buffer;
-  out.reserve(static_cast<std::size_t>(last - begin));
+  base::ReserveLarge(out, static_cast<std::size_t>(last - begin));
   const char* first = begin;
   for (;;) {
     const char* const end = PieceEnd(first, last);
@@ -143,7 +145,7 @@ std::string UnescapeJsonText(std::string_view text) {
   const JsonTextKernels& kernels = JsonText();
   PieceBuffer buffer;
   std::string out;
-  out.reserve(text.size());
+  base::ReserveLarge(out, text.size());
   const char* const begin = text.data();
   const char* const last = begin + text.size();
   for (const char* first = begin; first != last;) {
@@ -174,6 +176,55 @@ std::string ReadStringToken(std::string_view input, std::size_t& pos) {
     end = ReadLongString(begin, last, text);
   }
   pos = end == last ? input.size() : static_cast<std::size_t>(end - input.data()) + 1;
+  return text;
+}
+
+// Strings from this size on take over the input's buffer when they may.
+constexpr std::size_t kInPlaceThreshold = std::size_t{1} << 20;
+
+std::string JsonTokenizer::ReadString() {
+  if (m_owner == nullptr || m_input.size() - m_pos < kInPlaceThreshold) {
+    return ReadStringToken(m_input, m_pos);
+  }
+  // Only a string that is most of the input takes its buffer over: the rest of the input
+  // is copied out of the way, and the buffer is as large as the whole input. Finding its
+  // end first is a read, far cheaper than the copy and the fresh memory it saves.
+  bool hasBackslash = false;
+  const char* const begin = m_input.data() + m_pos;
+  const char* const stringEnd =
+      JsonText().findStringEnd(begin, m_input.data() + m_input.size(), hasBackslash);
+  if (static_cast<std::size_t>(stringEnd - begin) < (m_input.size() - m_pos) / 2) {
+    return ReadStringToken(m_input, m_pos);
+  }
+  // The string is unescaped towards the start of the buffer: the bytes before it have been
+  // read (they are tokens already, owning their text), and unescaping never writes past
+  // what it has read, so the write position never passes the read position.
+  const JsonTextKernels& kernels = JsonText();
+  PieceBuffer buffer;
+  char* const base = m_owner->data();
+  const char* const last = base + m_owner->size();
+  char* out = base;
+  const char* first = base + m_pos;
+  const char* stop = nullptr;
+  for (;;) {
+    const char* const end = PieceEnd(first, last);
+    stop = end;
+    const char* const written = kernels.copyStringUnescaped(first, end, buffer.data(), stop);
+    const auto length = static_cast<std::size_t>(written - buffer.data());
+    std::memmove(out, buffer.data(), length);
+    out += length;
+    if (stop != end || end == last) break;
+    first = end;
+  }
+  // What follows the string is read from a copy of its own (normally a few closing bytes).
+  m_rest.assign(stop == last ? last : stop + 1, last);
+  std::string text = std::move(*m_owner);
+  m_owner = nullptr;
+  text.resize(static_cast<std::size_t>(out - base));
+  // A string much shorter than the input it came from gives back the rest.
+  if (text.capacity() / 2 > text.size() + kPiece) text.shrink_to_fit();
+  m_input = m_rest;
+  m_pos = 0;
   return text;
 }
 
@@ -228,7 +279,7 @@ void JsonTokenizer::Step(RingQueue<JsonToken>& tokens, RingQueue<JsonTokenValue>
       case ByteClass::Quote: {
         ++m_pos;
         // The string's value is queued before the pending word's.
-        values.Push(JsonTokenValue{JsonKind::String, ReadStringToken(m_input, m_pos)});
+        values.Push(JsonTokenValue{JsonKind::String, ReadString()});
         FlushWord(tokens, values);
         tokens.Push(JsonToken::Value);
         return;

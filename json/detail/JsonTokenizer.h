@@ -98,6 +98,10 @@ std::optional<JsonTokenValue> ClassifyLiteral(std::string_view word);
 class JsonTokenizer {
  public:
   explicit JsonTokenizer(std::string_view input) : m_input(input) {}
+  // Reads `owner`, whose buffer the first long string (a file's contents) may take over: it
+  // is unescaped towards the buffer's start and the buffer moved into its value, so that it
+  // needs neither a copy nor new memory. `owner` is left in an unspecified state.
+  explicit JsonTokenizer(std::string& owner) : m_input(owner), m_owner(&owner) {}
 
   bool AtEnd() const { return m_pos == m_input.size(); }
 
@@ -111,9 +115,15 @@ class JsonTokenizer {
   // Skips the comment whose "/" is at m_pos, when there is one there.
   bool SkipComment();
 
+  // Reads the string whose opening quote is just before m_pos, taking over m_owner's
+  // buffer when the string is long.
+  std::string ReadString();
+
   std::string_view m_input;
   std::size_t m_pos = 0;
   std::string m_word;
+  std::string* m_owner = nullptr;  // whose buffer a long string may take; null once taken
+  std::string m_rest;              // the input after that string, read from then on
 };
 
 }  // namespace Pendrel::detail

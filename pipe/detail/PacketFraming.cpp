@@ -1,8 +1,10 @@
 #include "pipe/detail/PacketFraming.h"
 
 #include <algorithm>  // std::min, std::max
-#include <cstring>    // std::memcpy, std::memset
+#include <cstring>    // std::memcpy
 #include <utility>    // std::exchange, std::move
+
+#include "base/LargeBuffer.h"
 
 namespace Pendrel::detail {
 
@@ -11,21 +13,29 @@ void PacketWriter::Begin(std::string message, std::uint32_t wirePacketSize) {
   m_room = wirePacketSize - kPacketHeaderSize;
   m_count = m_message.empty() ? 1 : (m_message.size() - 1) / m_room + 1;
   m_next = 0;
-  m_buffer.assign(wirePacketSize, '\0');
+}
+
+PacketPieces PacketWriter::CurrentPieces() const {
+  const std::size_t offset = m_next * m_room;
+  const std::size_t length = std::min(m_room, m_message.size() - offset);
+  PacketPieces pieces{};
+  // A message would need more than 2^32 packets (hundreds of GiB) to overflow the count.
+  protocol::WritePacketHeader(pieces.header, {static_cast<std::uint32_t>(m_count - m_next - 1),
+                                              static_cast<std::uint32_t>(length)});
+  pieces.payload = std::string_view(m_message.data() + offset, length);
+  // The filler is zeros, so that no earlier bytes of this process leave it.
+  pieces.filler = m_room - length;
+  return pieces;
 }
 
 std::string_view PacketWriter::CurrentPacket() {
-  const std::size_t offset = m_next * m_room;
-  const std::size_t length = std::min(m_room, m_message.size() - offset);
+  const PacketPieces pieces = CurrentPieces();
+  m_buffer.assign(pieces.Size(), '\0');
   char* const packet = m_buffer.data();
-  // A message would need more than 2^32 packets (hundreds of GiB) to overflow the count.
-  protocol::WritePacketHeader(packet, {static_cast<std::uint32_t>(m_count - m_next - 1),
-                                       static_cast<std::uint32_t>(length)});
-  if (length > 0) {
-    std::memcpy(packet + kPacketHeaderSize, m_message.data() + offset, length);
+  std::memcpy(packet, pieces.header, kPacketHeaderSize);
+  if (!pieces.payload.empty()) {
+    std::memcpy(packet + kPacketHeaderSize, pieces.payload.data(), pieces.payload.size());
   }
-  // The filler is cleared so that no earlier bytes of this process leave it.
-  std::memset(packet + kPacketHeaderSize + length, 0, m_room - length);
   return m_buffer;
 }
 
@@ -40,11 +50,23 @@ bool PacketWriter::PacketSent() {
 
 MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint32_t wirePacketSize,
                                               std::uint64_t maxMessageSize) {
+  char* payload = nullptr;
+  const EStep step = Accept(packet, packet.size(), wirePacketSize, maxMessageSize, payload);
+  if (step == EStep::Partial || step == EStep::Complete) {
+    const std::size_t length = protocol::ReadPacketHeader(packet.data()).payload;
+    if (length > 0) std::memcpy(payload, packet.data() + kPacketHeaderSize, length);
+  }
+  return step;
+}
+
+MessageAssembler::EStep MessageAssembler::Accept(std::string_view head, std::size_t packetSize,
+                                                 std::uint32_t wirePacketSize,
+                                                 std::uint64_t maxMessageSize, char*& payloadAt) {
   constexpr std::size_t kHeader = kPacketHeaderSize;
-  if (packet.size() < kHeader) return EStep::Invalid;
-  const auto [remaining, payload] = protocol::ReadPacketHeader(packet.data());
+  if (packetSize < kHeader || head.size() < kHeader) return EStep::Invalid;
+  const auto [remaining, payload] = protocol::ReadPacketHeader(head.data());
   const std::uint64_t room = wirePacketSize - kHeader;
-  if (payload > packet.size() - kHeader || payload > room) return EStep::Invalid;
+  if (payload > packetSize - kHeader || payload > room) return EStep::Invalid;
 
   // The smallest message these headers allow: the packets still to come are full but the
   // last, which holds at least one byte. They are as large as this one, not as ours: the
@@ -52,7 +74,7 @@ MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint
   // look too large.
   const std::uint64_t have = std::uint64_t{m_message.size()} + payload;
   if (have > maxMessageSize) return EStep::TooLarge;
-  const std::uint64_t senderRoom = std::min<std::uint64_t>(packet.size() - kHeader, room);
+  const std::uint64_t senderRoom = std::min<std::uint64_t>(packetSize - kHeader, room);
   if (remaining > 0) {
     // Packets with no room cannot carry the byte the last one must hold.
     if (senderRoom == 0) return EStep::Invalid;
@@ -74,10 +96,16 @@ MessageAssembler::EStep MessageAssembler::Add(std::string_view packet, std::uint
     std::uint64_t step = announced;
     while ((step + 1) / 2 >= needed) step = (step + 1) / 2;
     const std::uint64_t doubled = std::max<std::uint64_t>(needed, 2 * m_message.capacity());
-    m_message.reserve(static_cast<std::size_t>(std::max<std::uint64_t>(
-        needed, std::min({maxMessageSize, announced, std::max(step, doubled)}))));
+    // Large blocks get huge pages before the payload lands in them.
+    base::ReserveLarge(
+        m_message, static_cast<std::size_t>(std::max<std::uint64_t>(
+                       needed, std::min({maxMessageSize, announced, std::max(step, doubled)}))));
   }
-  m_message.append(packet.data() + kHeader, payload);
+  const std::size_t offset = m_message.size();
+  // Within the capacity just checked: the cleared bytes stay in the cache until the payload
+  // overwrites them.
+  m_message.resize(needed);
+  payloadAt = m_message.data() + offset;
   m_remaining = remaining;
   return remaining == 0 ? EStep::Complete : EStep::Partial;
 }

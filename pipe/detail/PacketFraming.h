@@ -20,6 +20,16 @@ using protocol::GetLittleEndian32;
 using protocol::kPacketHeaderSize;
 using protocol::PutLittleEndian32;
 
+// One packet as the pieces it is made of, for writing without copying the message: the
+// header, a part of the message, then `filler` zero bytes up to the packet size.
+struct PacketPieces {
+  char header[kPacketHeaderSize];
+  std::string_view payload;
+  std::size_t filler;
+
+  std::size_t Size() const { return kPacketHeaderSize + payload.size() + filler; }
+};
+
 // Cuts one message into packets of a fixed size. An empty message is one packet with both
 // header words 0.
 class PacketWriter {
@@ -30,7 +40,12 @@ class PacketWriter {
   // Whether packets of the current message are left to write.
   bool Active() const { return m_next < m_count; }
 
-  // The packet to write next. Valid until PacketSent() or Begin().
+  // The packet to write next, as its pieces: the payload refers to the message, which
+  // stays put until PacketSent() ends it or Begin() replaces it.
+  PacketPieces CurrentPieces() const;
+
+  // The packet to write next in one piece (copied together). Valid until PacketSent() or
+  // Begin().
   std::string_view CurrentPacket();
 
   // Moves to the next packet; true when the whole message has gone.
@@ -60,6 +75,15 @@ class MessageAssembler {
   // bounds the payload; `maxMessageSize` is the largest message accepted. After Invalid or
   // TooLarge the assembler is left as it was; the channel gives up on the pipe then.
   EStep Add(std::string_view packet, std::uint32_t wirePacketSize, std::uint64_t maxMessageSize);
+
+  // Add in two halves, for a reader that receives the payload straight into the message:
+  // checks the packet of `packetSize` bytes whose first bytes are `head` (its header, or all
+  // of a shorter packet) as Add does, and on Partial or Complete extends the message by the
+  // header's payload size and points `payload` at those bytes, which the caller then fills
+  // with the packet's payload (the message counts them as received). On Invalid or TooLarge
+  // nothing changes.
+  EStep Accept(std::string_view head, std::size_t packetSize, std::uint32_t wirePacketSize,
+               std::uint64_t maxMessageSize, char*& payload);
 
   // Whether a message has been started and not yet ended.
   bool InMessage() const { return m_remaining != 0; }

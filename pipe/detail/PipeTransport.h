@@ -19,6 +19,7 @@
 #include <string_view>
 
 #include "base/Deadline.h"
+#include "pipe/detail/PacketFraming.h"
 
 namespace Pendrel::detail {
 
@@ -40,8 +41,10 @@ enum class ETransportFailure {
 
 // What one Wait() saw. Several things may have happened at once.
 struct TransportEvents {
-  bool received = false;  // Packet() holds one whole packet until the next Wait()
-  bool sent = false;      // the packet handed to Send() has gone out whole
+  // A packet has arrived: PacketLength() and PacketHead() describe it, and TakePacket() or
+  // Packet() receives it, until the next Wait().
+  bool received = false;
+  bool sent = false;  // the packet handed to Send() has gone out whole
   ETransportFailure failure = ETransportFailure::None;
   std::uint32_t code = 0;  // the system's error number (or one of the k…Code above)
 };
@@ -85,7 +88,19 @@ class PipeTransport {
   // Starts writing `packet` (copied) as one packet. At most one packet is in flight; its
   // completion or failure is reported by a later Wait().
   void Send(std::string_view packet);
+  // The same for a packet in pieces. The payload is not copied on Linux (the pieces go to
+  // the socket as they are): it must stay unchanged until a later Wait() has reported the
+  // packet sent or failed, or Disconnect().
+  void Send(const PacketPieces& packet);
   bool Sending() const;
+
+  // Writes `packet` at once if the endpoint takes it whole without waiting; returns whether
+  // it did. Nothing is written otherwise (a full socket, a broken or closed endpoint, or a
+  // platform that offers no such write: Windows, where the one overlapped write belongs to
+  // the driving thread); a later Wait() reports a broken endpoint as usual. The exception to
+  // the thread rule: may be called from another thread than the driving one, while no packet
+  // of Send() is in flight, and while the caller keeps Disconnect() from running.
+  bool SendNow(const PacketPieces& packet);
 
   // Waits until a packet has arrived, the packet in flight has gone out, a transfer
   // failed, Wake() was called or `deadline` passed, whichever comes first. Packets are
@@ -93,8 +108,18 @@ class PipeTransport {
   // kTooLargeCode. `readSize` is the size expected of packets (a hint for buffers).
   TransportEvents Wait(base::Deadline deadline, std::size_t readSize, std::size_t maxPacket);
 
-  // The packet reported by the last Wait(); valid until the next call of Wait().
-  std::string_view Packet() const;
+  // The packet reported by the last Wait(): its size, and its first bytes (its header, or
+  // all of a packet shorter than one).
+  std::size_t PacketLength() const;
+  std::string_view PacketHead() const;
+  // Receives that packet with its payload going straight to `payload`: the first
+  // `payloadLength` bytes after the header land there, the header and the rest (the filler)
+  // are dropped. Returns 0, or the system's error number (kInvalidDataCode when the packet
+  // came shorter than that). At most once per reported packet, and not after Packet().
+  std::uint32_t TakePacket(char* payload, std::size_t payloadLength);
+  // Receives that packet whole, if TakePacket has not; the packet stays valid until the next
+  // Wait(). Empty when it could not be read.
+  std::string_view Packet();
 
   // Cancels and waits out pending I/O and closes the endpoint, so that the peer learns the
   // channel is gone; the server end's socket and lock files (Linux) are removed, if Accept has

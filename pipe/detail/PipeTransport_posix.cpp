@@ -19,11 +19,13 @@
 #include <sys/file.h>  // flock
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>  // iovec
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>  // std::max
+#include <algorithm>  // std::max, std::min
 #include <cerrno>
+#include <climits>  // IOV_MAX
 #include <cstdlib>  // std::getenv, mkdtemp
 #include <mutex>
 #include <string>
@@ -45,6 +47,11 @@ std::uint32_t LastError() { return static_cast<std::uint32_t>(errno); }
 
 using base::RetryOnEintr;
 using base::UniqueFd;
+
+// The filler of every packet comes from here: zeros that no write ever touches, so the
+// kernel maps one shared zero page for all of it.
+constexpr std::size_t kZeroBlockSize = std::size_t{64} << 10;
+const char kZeroBlock[kZeroBlockSize] = {};
 
 struct EndpointPath {
   std::string folder;
@@ -201,6 +208,27 @@ std::uint32_t LockName(const std::string& lockPath, UniqueFd& lock) {
   return EADDRINUSE;
 }
 
+// Sends the pieces as one packet by sendmsg, none of them copied: header, payload, and the
+// filler from the zero block. A filler of more than IOV_MAX zero blocks (a packet of 64 MiB)
+// is cut short, and so is the packet then.
+ssize_t SendPieces(int fd, const PacketPieces& pieces) {
+  iovec parts[IOV_MAX];
+  std::size_t count = 0;
+  parts[count++] = {const_cast<char*>(pieces.header), kPacketHeaderSize};
+  if (!pieces.payload.empty()) {
+    parts[count++] = {const_cast<char*>(pieces.payload.data()), pieces.payload.size()};
+  }
+  for (std::size_t left = pieces.filler; left > 0 && count < IOV_MAX;) {
+    const std::size_t length = std::min(left, kZeroBlockSize);
+    parts[count++] = {const_cast<char*>(kZeroBlock), length};
+    left -= length;
+  }
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = count;
+  return RetryOnEintr([&] { return ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
+}
+
 }  // namespace
 
 struct PipeTransport::Impl {
@@ -214,11 +242,23 @@ struct PipeTransport::Impl {
   dev_t socketDevice = 0;
   ino_t socketInode = 0;
 
-  std::vector<char> packet;
+  // The packet reported by the last Wait: announced (peeked, still in the socket) until
+  // TakePacket or Packet receives it.
+  char head[kPacketHeaderSize] = {};
+  std::size_t headLength = 0;
   std::size_t packetLength = 0;
+  bool announced = false;
+  std::vector<char> packet;  // what Packet() received whole
+  std::size_t packetRead = 0;
+  std::size_t readSize = 0;  // the size expected of packets, from the last Wait
+
+  // The packet being written: `outgoing` when Send copied it whole, else its pieces, whose
+  // payload lives in the caller's message.
+  bool whole = false;
   std::string outgoing;
-  bool sendPending = false;  // `outgoing` waits for room in the socket
-  bool sendDone = false;     // `outgoing` went out; reported by the next Wait
+  PacketPieces pieces{};
+  bool sendPending = false;  // `pieces` wait for room in the socket
+  bool sendDone = false;     // the packet went out; reported by the next Wait
   std::uint32_t sendError = 0;
 
   // Removes the server end's socket file and lock file, if it still has them.
@@ -245,17 +285,29 @@ struct PipeTransport::Impl {
     RetryOnEintr([&] { return ::eventfd_read(wake.Get(), &ignored); });
   }
 
-  // One attempt; `sendPending` stays set when the socket has no room yet.
-  void TrySend() {
-    const ssize_t sent = RetryOnEintr([&] {
+  ssize_t SendWhole() {
+    return RetryOnEintr([&] {
       return ::send(connection.Get(), outgoing.data(), outgoing.size(),
                     MSG_NOSIGNAL | MSG_DONTWAIT);
     });
+  }
+
+  void StartSending() {
+    sendDone = false;
+    sendError = 0;
+    sendPending = true;
+    TrySend();
+  }
+
+  // One attempt; `sendPending` stays set when the socket has no room yet.
+  void TrySend() {
+    const std::size_t size = whole ? outgoing.size() : pieces.Size();
+    const ssize_t sent = whole ? SendWhole() : SendPieces(connection.Get(), pieces);
     if (sent < 0) {
       const std::uint32_t error = LastError();
       if (error == EAGAIN || error == EWOULDBLOCK) return;
       sendError = error;
-    } else if (static_cast<std::size_t>(sent) != outgoing.size()) {
+    } else if (static_cast<std::size_t>(sent) != size) {
       sendError = kShortWriteCode;
     } else {
       sendDone = true;
@@ -263,10 +315,17 @@ struct PipeTransport::Impl {
     sendPending = false;
   }
 
-  void ReadPacket(TransportEvents& events, std::size_t readSize, std::size_t maxPacket) {
-    // The length of the next packet, without taking it.
-    const ssize_t length = RetryOnEintr(
-        [&] { return ::recv(connection.Get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT); });
+  // Drops a packet that was announced and never received, so that the next one shows.
+  void DropAnnounced() {
+    if (!std::exchange(announced, false)) return;
+    RetryOnEintr([&] { return ::recv(connection.Get(), nullptr, 0, MSG_DONTWAIT); });
+  }
+
+  // Announces the next packet: its length and header, without taking it.
+  void PeekPacket(TransportEvents& events, std::size_t maxPacket) {
+    const ssize_t length = RetryOnEintr([&] {
+      return ::recv(connection.Get(), head, sizeof(head), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+    });
     if (length < 0) {
       const std::uint32_t error = LastError();
       if (error == EAGAIN || error == EWOULDBLOCK) return;
@@ -287,18 +346,24 @@ struct PipeTransport::Impl {
       events.code = kTooLargeCode;
       return;
     }
-    if (packet.size() < size || packet.size() < readSize) packet.resize(std::max(size, readSize));
-    const ssize_t got =
-        RetryOnEintr([&] { return ::recv(connection.Get(), packet.data(), size, MSG_DONTWAIT); });
-    if (got < 0) {
-      const std::uint32_t error = LastError();
-      if (error == EAGAIN || error == EWOULDBLOCK) return;
-      events.failure = ETransportFailure::Read;
-      events.code = error;
-      return;
-    }
-    packetLength = static_cast<std::size_t>(got);
+    packetLength = size;
+    headLength = std::min(size, sizeof(head));
+    announced = true;
     events.received = true;
+  }
+
+  // Receives the announced packet: `headLength` bytes into `head` again, then `parts`;
+  // what does not fit is dropped (a datagram socket truncates). Returns the bytes received.
+  std::uint32_t Receive(iovec* parts, std::size_t count, std::size_t& got) {
+    announced = false;
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t result =
+        RetryOnEintr([&] { return ::recvmsg(connection.Get(), &message, MSG_DONTWAIT); });
+    if (result < 0) return LastError();
+    got = static_cast<std::size_t>(result);
+    return 0;
   }
 };
 
@@ -413,10 +478,22 @@ std::uint32_t PipeTransport::Connect(std::wstring_view name) {
 void PipeTransport::Send(std::string_view packet) {
   Impl& impl = *m_impl;
   impl.outgoing.assign(packet.data(), packet.size());
-  impl.sendDone = false;
-  impl.sendError = 0;
-  impl.sendPending = true;
-  impl.TrySend();
+  impl.whole = true;
+  impl.StartSending();
+}
+
+void PipeTransport::Send(const PacketPieces& packet) {
+  Impl& impl = *m_impl;
+  impl.pieces = packet;
+  impl.whole = false;
+  impl.StartSending();
+}
+
+bool PipeTransport::SendNow(const PacketPieces& packet) {
+  const int fd = m_impl->connection.Get();
+  if (fd < 0) return false;
+  // A datagram socket takes a packet whole or not at all.
+  return SendPieces(fd, packet) == static_cast<ssize_t>(packet.Size());
 }
 
 bool PipeTransport::Sending() const {
@@ -428,7 +505,11 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
                                     std::size_t maxPacket) {
   Impl& impl = *m_impl;
   TransportEvents events;
+  impl.DropAnnounced();
   impl.packetLength = 0;
+  impl.headLength = 0;
+  impl.packetRead = 0;
+  impl.readSize = readSize;
   if (impl.sendError != 0) {
     events.failure = ETransportFailure::Write;
     events.code = std::exchange(impl.sendError, 0);
@@ -462,7 +543,7 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
     return events;
   }
   // Data is read before a hang-up is believed: what the peer sent before leaving counts.
-  if (connection & (POLLIN | POLLHUP | POLLERR)) impl.ReadPacket(events, readSize, maxPacket);
+  if (connection & (POLLIN | POLLHUP | POLLERR)) impl.PeekPacket(events, maxPacket);
   // Of two failures the read's is kept, as it usually names the cause (the peer has gone).
   if (impl.sendPending && (connection & (POLLOUT | POLLHUP | POLLERR))) {
     impl.TrySend();
@@ -476,12 +557,39 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
   return events;
 }
 
-std::string_view PipeTransport::Packet() const {
-  return std::string_view(m_impl->packet.data(), m_impl->packetLength);
+std::size_t PipeTransport::PacketLength() const { return m_impl->packetLength; }
+
+std::string_view PipeTransport::PacketHead() const {
+  return std::string_view(m_impl->head, m_impl->headLength);
+}
+
+std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength) {
+  Impl& impl = *m_impl;
+  if (!impl.announced) return EINVAL;
+  // The header lands where it was peeked to; the payload in the caller's message.
+  iovec parts[2] = {{impl.head, impl.headLength}, {payload, payloadLength}};
+  std::size_t got = 0;
+  if (const std::uint32_t error = impl.Receive(parts, payloadLength > 0 ? 2 : 1, got)) {
+    return error;
+  }
+  return got == impl.headLength + payloadLength ? 0 : kInvalidDataCode;
+}
+
+std::string_view PipeTransport::Packet() {
+  Impl& impl = *m_impl;
+  if (impl.announced) {
+    const std::size_t size = std::max(impl.packetLength, impl.readSize);
+    if (impl.packet.size() < size) impl.packet.resize(size);
+    iovec part = {impl.packet.data(), impl.packetLength};
+    std::size_t got = 0;
+    if (impl.Receive(&part, 1, got) == 0) impl.packetRead = got;
+  }
+  return std::string_view(impl.packet.data(), impl.packetRead);
 }
 
 void PipeTransport::Disconnect() {
   Impl& impl = *m_impl;
+  impl.announced = false;
   impl.connection.Reset();
   impl.listener.Reset();
   impl.sendPending = false;

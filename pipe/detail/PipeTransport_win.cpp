@@ -10,7 +10,8 @@
 #endif
 #include <windows.h>
 
-#include <algorithm>  // std::max
+#include <algorithm>  // std::max, std::min
+#include <cstring>    // std::memcpy, std::memset
 #include <string>
 #include <utility>
 #include <vector>
@@ -221,6 +222,8 @@ struct PipeTransport::Impl {
     }
   }
 
+  void StartWrite();
+
   // Ends the wait for a client; the operation must not outlive its OVERLAPPED.
   void CancelConnect() {
     ::CancelIoEx(pipe.Get(), &connect.overlapped);
@@ -349,9 +352,27 @@ std::uint32_t PipeTransport::Connect(std::wstring_view name) {
   return impl.CreateEvents();
 }
 
+void PipeTransport::Send(const PacketPieces& packet) {
+  // One overlapped write of one buffer per packet: the pieces are put together once.
+  Impl& impl = *m_impl;
+  impl.outgoing.resize(packet.Size());
+  char* const out = impl.outgoing.data();
+  std::memcpy(out, packet.header, kPacketHeaderSize);
+  if (!packet.payload.empty()) {
+    std::memcpy(out + kPacketHeaderSize, packet.payload.data(), packet.payload.size());
+  }
+  std::memset(out + kPacketHeaderSize + packet.payload.size(), 0, packet.filler);
+  impl.StartWrite();
+}
+
 void PipeTransport::Send(std::string_view packet) {
   Impl& impl = *m_impl;
   impl.outgoing.assign(packet.data(), packet.size());
+  impl.StartWrite();
+}
+
+void PipeTransport::Impl::StartWrite() {
+  Impl& impl = *this;
   impl.writeError = 0;
   if (!::WriteFile(impl.pipe.Get(), impl.outgoing.data(), static_cast<DWORD>(impl.outgoing.size()),
                    nullptr, impl.write.Begin())) {
@@ -363,6 +384,8 @@ void PipeTransport::Send(std::string_view packet) {
   }
   impl.write.pending = true;
 }
+
+bool PipeTransport::SendNow(const PacketPieces&) { return false; }
 
 bool PipeTransport::Sending() const { return m_impl->write.pending || m_impl->writeError != 0; }
 
@@ -416,7 +439,25 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
   return events;
 }
 
-std::string_view PipeTransport::Packet() const {
+std::size_t PipeTransport::PacketLength() const { return m_impl->packetLength; }
+
+std::string_view PipeTransport::PacketHead() const {
+  return std::string_view(m_impl->packet.data(),
+                          std::min<std::size_t>(m_impl->packetLength, kPacketHeaderSize));
+}
+
+// A message-mode pipe hands over a packet only whole, into the buffer the read in flight
+// was given: the payload is copied from there.
+std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength) {
+  const Impl& impl = *m_impl;
+  if (impl.packetLength < kPacketHeaderSize + payloadLength) return kInvalidDataCode;
+  if (payloadLength > 0) {
+    std::memcpy(payload, impl.packet.data() + kPacketHeaderSize, payloadLength);
+  }
+  return 0;
+}
+
+std::string_view PipeTransport::Packet() {
   return std::string_view(m_impl->packet.data(), m_impl->packetLength);
 }
 

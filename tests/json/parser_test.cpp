@@ -408,3 +408,55 @@ TEST(JsonParser, FreesAMillionOpenContainersOnErrorAndAtTheEnd) {
 
 }  // namespace
 }  // namespace Pendrel
+
+namespace Pendrel {
+namespace {
+
+// Reading in place gives what reading a copy gives, whatever surrounds the long string:
+// escapes, a piece boundary inside an escape, text after it, a second long string, an
+// unclosed one, and an error after it.
+TEST(JsonParserInPlace, GivesTheSameTreeAsParsingACopy) {
+  const std::string mega(std::size_t{1} << 20, 'm');
+  std::string escaped = mega;
+  for (std::size_t at = 0; at < escaped.size(); at += 16383) escaped[at] = '\\';
+  const std::vector<std::string> inputs = {
+      "{\"a\":1,\"Data\":\"" + mega + "\",\"after\":[true]}",
+      "[\"" + escaped + "n\",\"x\\\"y\"]",
+      "{\"one\":\"" + mega + "\",\"two\":\"" + mega + "\"}",
+      "{\"open\":\"" + mega,
+      "{\"Data\":\"" + mega + "\"]",
+      "{\"short\":\"" + std::string(100, 's') + "\"}",
+  };
+  for (const std::string& input : inputs) {
+    std::string copyError;
+    JsonValue copy;
+    ParseJson(copyError, copy, input);
+    std::string ownError;
+    JsonValue own;
+    std::string owned = input;
+    ParseJsonInPlace(ownError, own, owned);
+    EXPECT_EQ(ownError, copyError) << input.substr(0, 40);
+    EXPECT_TRUE(DumpJson(own) == DumpJson(copy)) << input.substr(0, 40);
+  }
+}
+
+// The long string takes over the input's memory instead of being copied out of it.
+TEST(JsonParserInPlace, LongStringKeepsTheInputsMemory) {
+  // Built at its exact size: a string much shorter than its buffer's capacity gives the
+  // rest back by a copy.
+  const std::string contents(std::size_t{4} << 20, 'd');
+  std::string input;
+  input.reserve(contents.size() + 11);
+  input.append("{\"Data\":\"").append(contents).append("\"}");
+  const char* const memory = input.data();
+  JsonValue root;
+  std::string error;
+  ParseJsonInPlace(error, root, input);
+  ASSERT_TRUE(error.empty());
+  const std::string data = TakeString(*FindMember(root, "Data"));
+  EXPECT_EQ(data.data(), memory);
+  EXPECT_EQ(data, contents);
+}
+
+}  // namespace
+}  // namespace Pendrel

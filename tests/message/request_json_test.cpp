@@ -300,3 +300,40 @@ TEST(RequestJson, RoundTripsSixteenMegabytesOfFileData) {
 
 }  // namespace
 }  // namespace Pendrel
+
+namespace Pendrel {
+namespace {
+
+// A text given away reads as the same record as a text lent, files of megabytes included,
+// and the largest file keeps the text's own memory.
+TEST(RequestJson, TextGivenAwayReadsAsTheSameRecord) {
+  CRequest written;
+  written.Command = L"REQ";
+  written.RequestParams[L"KEY"] = L"value";
+  CMimeFile big;
+  big.Name = L"big";
+  big.Data = std::string(std::size_t{3} << 20, 'b');
+  big.Data[12345] = '"';
+  big.Data[2000000] = '\\';
+  CMimeFile small;
+  small.Name = L"small";
+  small.Data = "tiny";
+  written.InputData = {big, small};
+  const std::string json = written.ToJsonString();
+
+  CRequest lent;
+  ASSERT_TRUE(lent.FromJsonString(json));
+  std::string text = json;
+  const char* const memory = text.data();
+  CRequest given;
+  ASSERT_TRUE(given.FromJsonString(std::move(text)));
+  EXPECT_EQ(given.Command, lent.Command);
+  EXPECT_EQ(given.RequestParams, lent.RequestParams);
+  ExpectSameFiles(given.InputData, lent.InputData);
+  ASSERT_EQ(given.InputData.size(), 2u);
+  EXPECT_EQ(given.InputData[0].Data, big.Data);
+  EXPECT_EQ(given.InputData[0].Data.data(), memory);
+}
+
+}  // namespace
+}  // namespace Pendrel

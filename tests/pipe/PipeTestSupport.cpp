@@ -50,6 +50,14 @@ bool RawClient::Read(std::string& packet, std::chrono::milliseconds timeout) {
   return true;
 }
 
+bool RawClient::ReadNow(std::string& packet) {
+  if (m_received.empty()) Pump(Clock::now());
+  if (m_received.empty()) return false;
+  packet = std::move(m_received.front());
+  m_received.pop_front();
+  return true;
+}
+
 bool RawClient::Write(std::string_view packet, std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   m_sent = false;

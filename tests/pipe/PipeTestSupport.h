@@ -38,6 +38,8 @@ class RawClient {
 
   // Next packet in arrival order; false on failure or time-out.
   bool Read(std::string& packet, std::chrono::milliseconds timeout = 5s);
+  // Next packet if one is there already, without waiting at all.
+  bool ReadNow(std::string& packet);
   // Writes one packet; false on failure or time-out.
   bool Write(std::string_view packet, std::chrono::milliseconds timeout = 5s);
   // Writes `message` framed as the channel frames it, in packets of `packetSize` bytes;

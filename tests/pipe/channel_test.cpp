@@ -568,3 +568,29 @@ TEST(PipeChannelInterrupt, WakesAWaitingReaderAtOnceUntilClose) {
 }
 
 }  // namespace
+
+TEST(PipeChannelInterrupt, WaitForFailureSeesThePeerLeaveWithoutTakingMessages) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  ASSERT_TRUE(client.WriteMessage("before leaving"));
+  client.Disconnect();
+  auto waiting = std::async(std::launch::async, [&server] { return server.WaitForFailure(); });
+  ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
+  EXPECT_TRUE(waiting.get());
+  std::string message;
+  EXPECT_EQ(server.WaitForMessage(message, 0ms), EWaitResult::Message) << "left in the queue";
+  EXPECT_EQ(message, "before leaving");
+}
+
+TEST(PipeChannelInterrupt, WaitForFailureEndsWithoutFailureWhenInterrupted) {
+  const std::wstring name = UniquePipeName();
+  NamedPipeChannel server;
+  NamedPipeChannel client;
+  ASSERT_TRUE(OpenBothEnds(server, client, name));
+  auto waiting = std::async(std::launch::async, [&client] { return client.WaitForFailure(); });
+  client.InterruptWaits();
+  ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
+  EXPECT_FALSE(waiting.get());
+  EXPECT_TRUE(client.IsConnected());
+}

@@ -4,12 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>  // std::copy_n
 #include <cstdint>
 #include <string>
 
 namespace {
 
 using Pendrel::detail::MessageAssembler;
+using Pendrel::detail::PacketPieces;
+using Pendrel::detail::PacketWriter;
 using Pendrel::detail::PutLittleEndian32;
 
 constexpr std::uint32_t kPacket = 32768;
@@ -62,6 +65,51 @@ TEST(PacketFraming, GrowsNoFurtherThanTwiceWhatArrivedWhateverTheHeaderAnnounces
   const std::string partial = assembler.TakeMessage();
   EXPECT_EQ(partial.size(), 2u * kRoom);
   EXPECT_LT(partial.capacity(), 4u * kRoom);
+}
+
+// The pieces of a packet are the packet: header, a view of the message, zero filler.
+TEST(PacketFraming, PiecesMakeTheSamePacketAsTheWholeOne) {
+  const std::string message = std::string(kRoom, 'a') + "tail";
+  PacketWriter writer;
+  writer.Begin(message, kPacket);
+  for (std::size_t index = 0; writer.Active(); ++index, writer.PacketSent()) {
+    const PacketPieces pieces = writer.CurrentPieces();
+    ASSERT_EQ(pieces.Size(), kPacket);
+    // Not a copy: the payload lies in the writer's message.
+    EXPECT_EQ(pieces.payload, index == 0 ? std::string(kRoom, 'a') : std::string("tail"));
+    const std::string joined = std::string(pieces.header, sizeof(pieces.header)) +
+                               std::string(pieces.payload) + std::string(pieces.filler, '\0');
+    EXPECT_EQ(joined, std::string(writer.CurrentPacket())) << index;
+  }
+}
+
+// A reader that receives the payload itself is given room for exactly the header's payload,
+// after what came before; the checks are those of Add.
+TEST(PacketFraming, AcceptGivesRoomForThePayloadAfterWhatArrived) {
+  MessageAssembler assembler;
+  const std::string first = Packet(1, "hello, ");
+  char* payload = nullptr;
+  ASSERT_EQ(assembler.Accept(std::string_view(first).substr(0, 8), first.size(), kPacket, kLimit,
+                             payload),
+            MessageAssembler::EStep::Partial);
+  ASSERT_NE(payload, nullptr);
+  std::copy_n("hello, ", 7, payload);
+  const std::string last = Packet(0, "world");
+  ASSERT_EQ(assembler.Accept(last, last.size(), kPacket, kLimit, payload),
+            MessageAssembler::EStep::Complete);
+  std::copy_n("world", 5, payload);
+  EXPECT_EQ(assembler.TakeMessage(), "hello, world");
+
+  // A header announcing more payload than its packet holds is refused, nothing taken.
+  char* untouched = nullptr;
+  EXPECT_EQ(assembler.Accept(last, 12, kPacket, kLimit, untouched),
+            MessageAssembler::EStep::Invalid);
+  EXPECT_EQ(untouched, nullptr);
+  EXPECT_EQ(assembler.Accept(std::string_view(last).substr(0, 5), last.size(), kPacket, kLimit,
+                             untouched),
+            MessageAssembler::EStep::Invalid)
+      << "a head shorter than a header";
+  EXPECT_FALSE(assembler.InMessage());
 }
 
 }  // namespace
