@@ -17,6 +17,8 @@
 
 namespace CTolvane {
 namespace detail {
+// Internal linkage for all of it: nothing of the pool's insides enters the export table, not
+// even through the templates instantiated with its types.
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -28,8 +30,6 @@ constexpr milliseconds kLongestStartBackoff{10000};
 // How long past its grace period a retired handler's end is waited for: the kill and the
 // collection (Windows gives a killed process up to 10 s to be gone).
 constexpr milliseconds kKillWait{15000};
-
-}  // namespace
 
 // One handler held by the pool, lent out in a lease or on its way out.
 struct PoolSlot {
@@ -441,6 +441,7 @@ class PoolCore {
   std::thread m_collector;
 };
 
+}  // namespace
 }  // namespace detail
 
 struct CHandlerPool::State : detail::PoolCore {
