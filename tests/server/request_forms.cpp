@@ -15,6 +15,7 @@
 
 #include "message/CMimeFile.h"
 #include "message/CRequest.h"
+#include "tools/text/Utf8Text.h"
 
 namespace {
 
@@ -28,27 +29,9 @@ std::string Hex(const std::string& bytes) {
   return out;
 }
 
+// The UTF-8 of the library's own text, written as the library writes it.
 std::string Utf8(const std::wstring& text) {
-  std::string out;
-  for (const wchar_t unit : text) {
-    const auto code = static_cast<std::uint32_t>(unit);
-    if (code < 0x80) {
-      out.push_back(static_cast<char>(code));
-    } else if (code < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (code >> 6)));
-      out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    } else if (code < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (code >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (code >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    }
-  }
-  return out;
+  return PendrelTools::Utf8FromWide(text, PendrelTools::ELoneSurrogate::Keep);
 }
 
 class CGenerator {

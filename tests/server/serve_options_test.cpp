@@ -281,16 +281,5 @@ TEST(ServeProblem, IsProblemJsonWithTitleAndDetail) {
             "\"detail\":\"too \\\"big\\\"\\n\"}");
 }
 
-TEST(ServeText, Utf8RoundTrip) {
-  const std::string text = "a\xc3\xa9\xd0\xb6\xe6\x97\xa5\xf0\x9f\x98\x80";
-  EXPECT_EQ(Utf8FromWide(WideFromUtf8(text)), text);
-  EXPECT_EQ(WideFromUtf8("\xff"
-                         "a"),
-            L"\xFFFD"
-            L"a");
-  EXPECT_EQ(WideFromUtf8("\xc3"), L"\xFFFD");
-  EXPECT_EQ(WideFromUtf8("\xed\xa0\x80"), L"\xFFFD");  // a surrogate half is no character
-}
-
 }  // namespace
 }  // namespace PendrelServer

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/server/forms/detail/Utf8.h"
+#include "tools/text/Utf8Text.h"
 
 namespace PendrelServerTest {
 namespace {
@@ -26,7 +26,7 @@ bool IsUnreserved(unsigned char c) {
 std::string ClientTarget(std::wstring_view url) {
   static constexpr std::string_view kKept = "/?&=:@!$'()*+,;-._~";
   std::string out;
-  for (const char byte : PendrelServer::detail::EncodeUtf8(url)) {
+  for (const char byte : PendrelTools::Utf8FromWide(url, PendrelTools::ELoneSurrogate::Keep)) {
     const auto c = static_cast<unsigned char>(byte);
     if (IsUnreserved(c) || kKept.find(byte) != std::string_view::npos) {
       out += byte;
@@ -39,7 +39,7 @@ std::string ClientTarget(std::wstring_view url) {
 
 std::string EncodeComponent(std::wstring_view text) {
   std::string out;
-  for (const char byte : PendrelServer::detail::EncodeUtf8(text)) {
+  for (const char byte : PendrelTools::Utf8FromWide(text, PendrelTools::ELoneSurrogate::Keep)) {
     const auto c = static_cast<unsigned char>(byte);
     if (IsUnreserved(c)) {
       out += byte;
@@ -74,7 +74,7 @@ PendrelServer::CHttpRequestParts ServerParts(std::string_view target, std::strin
                                              std::string body, std::string method) {
   PendrelServer::CHttpRequestParts parts;
   parts.Method = std::move(method);
-  const std::string mount = PendrelServer::detail::EncodeUtf8(kMount);
+  const std::string mount = PendrelTools::Utf8FromWide(kMount, PendrelTools::ELoneSurrogate::Keep);
   EXPECT_EQ(target.substr(0, mount.size()), mount) << target;
   target.remove_prefix(std::min(mount.size(), target.size()));
   const std::size_t question = target.find('?');

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "tools/server/forms/HttpForms.h"
-#include "tools/server/forms/detail/Utf8.h"
+#include "tools/text/Utf8Text.h"
 
 namespace {
 
@@ -38,7 +38,9 @@ struct Expected {
   std::string data;
 };
 
-std::string Utf8(const std::wstring& text) { return PendrelServer::detail::EncodeUtf8(text); }
+std::string Utf8(const std::wstring& text) {
+  return PendrelTools::Utf8FromWide(text, PendrelTools::ELoneSurrogate::Keep);
+}
 
 std::string StreamBytes(GMimeStream* stream) {
   GByteArray* bytes = g_mime_stream_mem_get_byte_array(GMIME_STREAM_MEM(stream));

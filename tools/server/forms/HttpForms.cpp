@@ -13,7 +13,7 @@
 #include "tools/server/forms/detail/HeaderField.h"
 #include "tools/server/forms/detail/Multipart.h"
 #include "tools/server/forms/detail/QuotedPrintable.h"
-#include "tools/server/forms/detail/Utf8.h"
+#include "tools/text/Utf8Text.h"
 
 namespace PendrelServer {
 namespace {
@@ -87,7 +87,7 @@ bool DecodeComponent(urls::pct_string_view text, std::string_view what, std::wst
     problem = std::string(what) + " holds a zero character (%00)";
     return false;
   }
-  if (!detail::DecodeUtf8(bytes, out)) {
+  if (!PendrelTools::DecodeUtf8(bytes, out)) {
     problem = std::string(what) + " is not valid UTF-8 once percent-decoded";
     return false;
   }
@@ -159,7 +159,7 @@ bool ReadNameParameter(const CHeaderValue& field, std::string_view name, std::st
   out.clear();
   const std::string* value = field.Find(name);
   if (value == nullptr) return true;
-  if (detail::DecodeUtf8(*value, out)) return true;
+  if (PendrelTools::DecodeUtf8(*value, out)) return true;
   problem =
       "the \"" + std::string(name) + "\" of the " + std::string(what) + " field is not valid UTF-8";
   return false;
@@ -236,7 +236,7 @@ bool ReadFormName(const std::string& text, std::wstring& out) {
     }
     bytes += text[i];
   }
-  return detail::DecodeUtf8(bytes, out);
+  return PendrelTools::DecodeUtf8(bytes, out);
 }
 
 // One part of a multipart/form-data body: a file when its Content-Disposition has a
@@ -266,7 +266,7 @@ bool ReadFormPart(const CMultipartPart& part, Pendrel::CRequest& request, std::s
       return false;
     }
     if (!AppendPartContent(part, bytes, problem)) return false;
-    if (!detail::DecodeUtf8(bytes, value)) {
+    if (!PendrelTools::DecodeUtf8(bytes, value)) {
       problem = "the value of a form field is not valid UTF-8";
       return false;
     }
