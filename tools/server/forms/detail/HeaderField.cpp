@@ -1,18 +1,13 @@
 #include "tools/server/forms/detail/HeaderField.h"
 
+#include "tools/server/forms/detail/HexByte.h"
+
 #include <iterator>  // std::make_move_iterator
 
 namespace PendrelServer::detail {
 namespace {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // Where the quoted value that starts after `open` ends: the first quote followed by blanks
 // and then ";" or the end. npos when there is none.
@@ -92,11 +87,9 @@ bool PercentDecode(std::string_view text, std::string& out) {
       out += text[i];
       continue;
     }
-    if (text.size() - i < 3) return false;
-    const int high = HexValue(text[i + 1]);
-    const int low = HexValue(text[i + 2]);
-    if (high < 0 || low < 0) return false;
-    out += static_cast<char>(high * 16 + low);
+    char byte;
+    if (!ReadHexByte(text, i + 1, byte)) return false;
+    out += byte;
     i += 2;
   }
   return true;

@@ -1,14 +1,9 @@
 #include "tools/server/forms/detail/QuotedPrintable.h"
 
+#include "tools/server/forms/detail/HexByte.h"
+
 namespace PendrelServer::detail {
 namespace {
-
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -51,11 +46,9 @@ bool AppendQuotedPrintableDecoded(std::string_view text, std::string& out) {
       i = after + 1;
       continue;
     }
-    if (text.size() - i < 3) return false;
-    const int high = HexValue(text[i + 1]);
-    const int low = HexValue(text[i + 2]);
-    if (high < 0 || low < 0) return false;
-    out += static_cast<char>(high * 16 + low);
+    char byte;
+    if (!ReadHexByte(text, i + 1, byte)) return false;
+    out += byte;
     i += 3;
   }
   return true;
