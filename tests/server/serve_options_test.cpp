@@ -1,6 +1,9 @@
-// The command line and configuration file of `pendrel serve`, and the metrics page.
+// The command line and configuration file of `pendrel serve`, the metrics page, and the
+// access log's number and time texts.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -13,6 +16,51 @@
 
 namespace PendrelServer {
 namespace {
+
+// The access log's appenders write what printf's formats write.
+TEST(ServeLogText, AppendersWriteWhatPrintfWrites) {
+  const std::uint64_t integers[] = {0, 7, 10, 200, 65535, 4294967295ull, 18446744073709551615ull};
+  for (const std::uint64_t value : integers) {
+    char expected[32];
+    std::snprintf(expected, sizeof expected, "%llu", static_cast<unsigned long long>(value));
+    std::string out = "x";
+    AppendDecimal(out, value);
+    EXPECT_EQ(out, std::string("x") + expected);
+    std::snprintf(expected, sizeof expected, "%016llx", static_cast<unsigned long long>(value));
+    out.clear();
+    AppendHex16(out, value);
+    EXPECT_EQ(out, expected);
+  }
+  const double seconds[] = {0,         0.000001,    0.0000004, 0.0000016, 0.000123,
+                            0.0421337, 0.9999994,   0.9999996, 1,         2.5,
+                            59.123456, 3600.000001, 86400.75};
+  for (const double value : seconds) {
+    char expected[32];
+    std::snprintf(expected, sizeof expected, "%.6f", value);
+    std::string out;
+    AppendFixed6(out, value);
+    EXPECT_EQ(out, expected) << value;
+  }
+}
+
+TEST(ServeLogText, WritesUtcTimeToTheMillisecond) {
+  using namespace std::chrono;
+  struct {
+    std::int64_t Millis;  // since 1970-01-01T00:00:00Z
+    const char* Text;
+  } const cases[] = {
+      {0, "1970-01-01T00:00:00.000Z"},
+      {1795423800123, "2026-11-23T08:50:00.123Z"},
+      {951868799999, "2000-02-29T23:59:59.999Z"},
+      {4102444800007, "2100-01-01T00:00:00.007Z"},
+  };
+  for (const auto& c : cases) {
+    std::string out;
+    AppendUtcTime(out, system_clock::time_point(
+                           duration_cast<system_clock::duration>(milliseconds(c.Millis))));
+    EXPECT_EQ(out, c.Text);
+  }
+}
 
 TEST(ServeByteSize, ReadsNumbersAndUnits) {
   struct {

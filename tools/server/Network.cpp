@@ -55,7 +55,8 @@ struct CNetwork::Impl {
   std::mutex Lock;
   std::condition_variable Idle;
   std::size_t InFlight = 0;  // under Lock
-  bool Draining = false;     // under Lock
+  // Set under Lock (with the connections' list) and read without it, twice a request.
+  std::atomic<bool> Draining{false};
   std::atomic<std::size_t> WaitingForWorker{0};
   std::unordered_map<CConnection*, std::weak_ptr<CConnection>> Connections;  // under Lock
 
@@ -96,10 +97,7 @@ struct CNetwork::Impl {
     std::lock_guard<std::mutex> hold(Lock);
     if (--InFlight == 0) Idle.notify_all();
   }
-  bool IsDraining() {
-    std::lock_guard<std::mutex> hold(Lock);
-    return Draining;
-  }
+  bool IsDraining() const { return Draining.load(std::memory_order_acquire); }
 };
 
 namespace {
@@ -180,8 +178,6 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     if (const auto id = request.find("X-Request-Id");
         id != request.end() && UsableId(id->value())) {
       m_requestId = std::string(id->value());
-    } else {
-      m_requestId = m_server.MakeRequestId();
     }
     m_routed = m_server.Route(m_method, m_target);
     m_label = m_routed.Label;
@@ -297,7 +293,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
       response->insert(name, value);
     }
     response->set(http::field::server, "pendrel");
-    response->set("X-Request-Id", m_requestId);
+    response->set("X-Request-Id", RequestId());
     response->body() = std::move(reply.Body);
     response->keep_alive(m_keepAlive && !close);
     response->prepare_payload();
@@ -358,7 +354,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     m_method = "-";
     m_target = "-";
     m_label.clear();
-    m_requestId = m_server.MakeRequestId();
+    m_requestId.clear();  // the client's, from OnHeader, or one made by RequestId()
     m_network.RequestBegan();
   }
 
@@ -374,7 +370,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     entry.BytesOut = m_bytesOut;
     entry.Seconds = std::chrono::duration<double>(Clock::now() - m_started).count();
     entry.HandlerPid = m_pid;
-    entry.RequestId = m_requestId;
+    entry.RequestId = RequestId();
     m_server.Finished(entry);
     m_network.RequestEnded();
   }
@@ -386,6 +382,12 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     beast::error_code ignored;
     m_stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
     m_stream.close();
+  }
+
+  // The request's id: the client's usable X-Request-Id, else one made once, when first needed.
+  const std::string& RequestId() {
+    if (m_requestId.empty()) m_requestId = m_server.MakeRequestId();
+    return m_requestId;
   }
 
   // An X-Request-Id to pass on: 1 to 128 characters of letters, digits and "-._:".
@@ -535,7 +537,7 @@ void CNetwork::StopAccepting() {
   std::vector<std::shared_ptr<CConnection>> connections;
   {
     std::lock_guard<std::mutex> hold(m_impl->Lock);
-    m_impl->Draining = true;
+    m_impl->Draining.store(true, std::memory_order_release);
     for (auto& [pointer, weak] : m_impl->Connections) {
       if (auto connection = weak.lock()) connections.push_back(std::move(connection));
     }

@@ -6,7 +6,6 @@
 #include <csignal>  // SIGHUP
 #include <cstdio>   // std::fwrite, stderr
 #include <cstdlib>  // std::_Exit
-#include <ctime>
 #include <random>
 
 #include "tools/server/Network.h"
@@ -16,21 +15,6 @@ namespace PendrelServer {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// "2026-11-23T08:30:00.123Z"
-std::string UtcNow() {
-  const auto now = std::chrono::system_clock::now();
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-  const auto millis =
-      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[64];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900,
-                parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                static_cast<int>(millis));
-  return text;
-}
 
 // Whether `path` is under `prefix`: equal to it or continuing with "/".
 bool UnderPrefix(std::string_view path, std::string_view prefix) {
@@ -251,24 +235,37 @@ CReply CServer::Inline(const CRouted& routed) {
 
 void CServer::Finished(const CLogEntry& entry) {
   m_metrics.Record(entry.Label, entry.Status, entry.Seconds, entry.BytesIn, entry.BytesOut);
-  char duration[32];
-  std::snprintf(duration, sizeof duration, "%.6f", entry.Seconds);
-  const std::string line =
-      "{\"time\":\"" + UtcNow() + "\",\"method\":" + JsonQuoted(entry.Method) +
-      ",\"path\":" + JsonQuoted(entry.Target) + ",\"status\":" + std::to_string(entry.Status) +
-      ",\"bytes_in\":" + std::to_string(entry.BytesIn) +
-      ",\"bytes_out\":" + std::to_string(entry.BytesOut) + ",\"duration_s\":" + duration +
-      ",\"handler_pid\":" + std::to_string(entry.HandlerPid) +
-      ",\"request_id\":" + JsonQuoted(entry.RequestId) + "}\n";
+  // One line built in one buffer, without printf, and written with one call.
+  std::string line;
+  line.reserve(224 + entry.Method.size() + entry.Target.size() + entry.RequestId.size());
+  line += "{\"time\":\"";
+  AppendUtcTime(line, std::chrono::system_clock::now());
+  line += "\",\"method\":";
+  line += JsonQuoted(entry.Method);
+  line += ",\"path\":";
+  line += JsonQuoted(entry.Target);
+  line += ",\"status\":";
+  AppendDecimal(line, entry.Status);
+  line += ",\"bytes_in\":";
+  AppendDecimal(line, entry.BytesIn);
+  line += ",\"bytes_out\":";
+  AppendDecimal(line, entry.BytesOut);
+  line += ",\"duration_s\":";
+  AppendFixed6(line, entry.Seconds);
+  line += ",\"handler_pid\":";
+  AppendDecimal(line, entry.HandlerPid);
+  line += ",\"request_id\":";
+  line += JsonQuoted(entry.RequestId);
+  line += "}\n";
   std::lock_guard<std::mutex> hold(m_logLock);
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 std::string CServer::MakeRequestId() {
   thread_local std::mt19937_64 generator{std::random_device{}()};
-  char text[20];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(generator()));
-  return text;
+  std::string id;
+  AppendHex16(id, generator());
+  return id;
 }
 
 }  // namespace PendrelServer
