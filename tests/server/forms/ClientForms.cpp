@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>  // std::move
+
 #include "tools/text/Utf8Text.h"
 
 namespace PendrelServerTest {
@@ -22,6 +24,16 @@ bool IsUnreserved(unsigned char c) {
 }
 
 }  // namespace
+
+Pendrel::CMimeFile File(Pendrel::EMimeType type, std::wstring name, std::wstring fileName,
+                        std::string data) {
+  Pendrel::CMimeFile file;
+  file.Type = type;
+  file.Name = std::move(name);
+  file.FileName = std::move(fileName);
+  file.Data = std::move(data);
+  return file;
+}
 
 std::string ClientTarget(std::wstring_view url) {
   static constexpr std::string_view kKept = "/?&=:@!$'()*+,;-._~";

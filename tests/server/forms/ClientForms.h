@@ -5,10 +5,15 @@
 #include <string>
 #include <string_view>
 
+#include "message/CMimeFile.h"
 #include "message/CRequest.h"
 #include "tools/server/forms/HttpForms.h"
 
 namespace PendrelServerTest {
+
+// A file of the given type, names and data.
+Pendrel::CMimeFile File(Pendrel::EMimeType type, std::wstring name, std::wstring fileName,
+                        std::string data);
 
 // The mount the tests send to: ToHttpURL is given "127.0.0.1:8080" + kMount as its server.
 inline constexpr std::wstring_view kMount = L"/textstats";

@@ -13,17 +13,8 @@ namespace {
 using namespace std::string_literals;
 using PendrelServer::AnswerOf;
 using PendrelServer::CHttpAnswer;
+using PendrelServerTest::File;
 using Fields = std::vector<std::pair<std::string, std::string>>;
-
-Pendrel::CMimeFile File(Pendrel::EMimeType type, std::wstring name, std::wstring fileName,
-                        std::string data) {
-  Pendrel::CMimeFile file;
-  file.Type = type;
-  file.Name = std::move(name);
-  file.FileName = std::move(fileName);
-  file.Data = std::move(data);
-  return file;
-}
 
 TEST(Answer, WithoutFilesIsTheCommonJson) {
   Pendrel::CResponse response(static_cast<Pendrel::EStatus>(0));

@@ -15,6 +15,7 @@ namespace {
 using PendrelServer::CReadRequest;
 using PendrelServer::ReadRequest;
 using PendrelServerTest::ComponentTarget;
+using PendrelServerTest::File;
 using PendrelServerTest::PartsOf;
 using PendrelServerTest::ServerParts;
 
@@ -23,16 +24,6 @@ bool IsAttributeCommand(const std::wstring& command) {
     if (command == c) return true;
   }
   return false;
-}
-
-Pendrel::CMimeFile File(Pendrel::EMimeType type, std::wstring name, std::wstring fileName,
-                        std::string data) {
-  Pendrel::CMimeFile file;
-  file.Type = type;
-  file.Name = std::move(name);
-  file.FileName = std::move(fileName);
-  file.Data = std::move(data);
-  return file;
 }
 
 std::string RandomBytes(std::size_t size, unsigned seed) {
