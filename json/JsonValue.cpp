@@ -98,6 +98,16 @@ JsonNode* DetachScalar(JsonValue& value) {
   return Detach(value);
 }
 
+// Stores `member` at the end of `node` and returns its value. The records' objects hold a
+// handful of members, so the first one makes room for four: no growth steps 1 → 2 → 4, and
+// references to the first four values stay valid while the object fills.
+JsonValue& StoreMember(JsonNode& node, JsonMember&& member) {
+  constexpr std::size_t kFirstRoom = 4;
+  if (node.members.empty()) node.members.reserve(kFirstRoom);
+  node.members.push_back(std::move(member));
+  return node.members.back().value;
+}
+
 }  // namespace
 
 JsonValue::JsonValue(const JsonValue& other) noexcept : m_node(other.m_node) {
@@ -176,29 +186,25 @@ void SetBool(JsonValue& value, bool flag) {
 JsonValue& Append(JsonValue& array, JsonValue& element) {
   if (KindOf(array) != JsonKind::Array) return element;
   JsonNode* node = Detach(array);
-  node->members.push_back(JsonMember{std::string(), element});
-  return node->members.back().value;
+  return StoreMember(*node, JsonMember{std::string(), element});
 }
 
 JsonValue& Append(JsonValue& array, JsonValue&& element) {
   if (KindOf(array) != JsonKind::Array) return element;
   JsonNode* node = Detach(array);
-  node->members.push_back(JsonMember{std::string(), std::move(element)});
-  return node->members.back().value;
+  return StoreMember(*node, JsonMember{std::string(), std::move(element)});
 }
 
 JsonValue& AddMember(JsonValue& object, std::string name, JsonValue& value) {
   if (KindOf(object) != JsonKind::Object) return value;
   JsonNode* node = Detach(object);
-  node->members.push_back(JsonMember{std::move(name), value});
-  return node->members.back().value;
+  return StoreMember(*node, JsonMember{std::move(name), value});
 }
 
 JsonValue& AddMember(JsonValue& object, std::string name, JsonValue&& value) {
   if (KindOf(object) != JsonKind::Object) return value;
   JsonNode* node = Detach(object);
-  node->members.push_back(JsonMember{std::move(name), std::move(value)});
-  return node->members.back().value;
+  return StoreMember(*node, JsonMember{std::move(name), std::move(value)});
 }
 
 JsonValue& AddMember(JsonValue& object, std::wstring_view name, JsonValue& value) {

@@ -115,8 +115,14 @@ struct NamedPipeChannel::Impl {
   };
 
   mutable std::mutex mutex;
-  // Notified, under `mutex`, whenever anything below changes.
+  // Notified, under `mutex`, when the state, the failure, the flush or the send side changes
+  // or a message is taken: what Open, Close, WaitForFlush and WaitUntilNothingReceived wait
+  // for.
   std::condition_variable changed;
+  // Notified, under `mutex`, when a message is queued for taking, the failure is set or
+  // waits are interrupted: what WaitForMessage waits for, without waking whenever a message
+  // goes out or the state changes.
+  std::condition_variable arrived;
   // Notified, under `mutex`, when the failure is set or waits are interrupted: what
   // WaitForFailure waits for, without waking at every message.
   std::condition_variable endedOrInterrupted;
@@ -189,9 +195,15 @@ struct NamedPipeChannel::Impl {
   }
   void FailLocked(CChannelFailure what) {
     failure = what;
-    endedOrInterrupted.notify_all();
+    NotifyEndedLocked();
     if (state != EChannelState::Stopping) state = EChannelState::Failed;
     changed.notify_all();
+  }
+  // Wakes WaitForMessage and WaitForFailure: the failure was set or waits interrupted.
+  // Called under `mutex`.
+  void NotifyEndedLocked() {
+    arrived.notify_all();
+    endedOrInterrupted.notify_all();
   }
   void SetStateLocked(EChannelState next) {
     state = next;
@@ -295,7 +307,7 @@ CChannelFailure NamedPipeChannel::Impl::Deliver(std::string message) {
     unaskedBytes += message.size();
   }
   receiveQueue.push_back({std::move(message), !claimed});
-  changed.notify_all();
+  arrived.notify_all();
   if (unaskedCount > maxQueuedMessages.load() || unaskedBytes > maxQueuedBytes.load()) {
     DropReceivedLocked();
     return {EChannelFailure::ReadFailed, kReceiveQueueFullCode};
@@ -519,7 +531,7 @@ bool NamedPipeChannel::WaitForConnection() {
   }
   // The worker goes on waiting for its client up to its own time limit.
   impl.failure = {EChannelFailure::OpenTimedOut, 0};
-  impl.endedOrInterrupted.notify_all();
+  impl.NotifyEndedLocked();
   impl.changed.notify_all();
   return false;
 }
@@ -609,18 +621,18 @@ EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds 
     }
     if (impl.failure.Failure != EChannelFailure::None) return EWaitResult::Error;
     if (unlimited) {
-      impl.changed.wait(lock);
+      impl.arrived.wait(lock);
       continue;
     }
     if (Clock::now() >= deadline) return EWaitResult::TimedOut;
-    impl.changed.wait_until(lock, deadline);
+    impl.arrived.wait_until(lock, deadline);
   }
 }
 
 bool NamedPipeChannel::WaitForFailure() {
   Impl& impl = *m_impl;
   std::unique_lock<std::mutex> lock(impl.mutex);
-  impl.changed.wait(
+  impl.endedOrInterrupted.wait(
       lock, [&impl] { return impl.interrupted || impl.failure.Failure != EChannelFailure::None; });
   return impl.failure.Failure != EChannelFailure::None;
 }
@@ -629,8 +641,7 @@ void NamedPipeChannel::InterruptWaits() {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.interrupted = true;
-  impl.endedOrInterrupted.notify_all();
-  impl.changed.notify_all();
+  impl.NotifyEndedLocked();
 }
 
 bool NamedPipeChannel::HasError() const {

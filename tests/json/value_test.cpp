@@ -127,6 +127,24 @@ TEST(JsonValue, AppendReturnsTheStoredHandle) {
   EXPECT_EQ(DumpJson(array), "[[#3]]");
 }
 
+// The records fill objects through the returned references: the first four stay where they
+// were stored while the object fills up to four members.
+TEST(JsonValue, FirstFourMembersStayWhereTheyWereStored) {
+  JsonValue object = MakeObject();
+  JsonValue* stored[4] = {};
+  stored[0] = &AddMember(object, "a", MakeNumber(0));
+  stored[1] = &AddMember(object, "b", MakeNumber(1));
+  stored[2] = &AddMember(object, "c", MakeNumber(2));
+  stored[3] = &AddMember(object, "d", MakeNumber(3));
+  int index = 0;
+  for (const JsonMember& member : Members(object)) {
+    EXPECT_EQ(&member.value, stored[index]) << member.name;
+    EXPECT_EQ(AsInt(*stored[index]), index);
+    ++index;
+  }
+  EXPECT_EQ(index, 4);
+}
+
 TEST(JsonValue, AddMemberTwiceKeepsBothAndLookupTakesTheFirst) {
   JsonValue object = MakeObject();
   AddMember(object, "a", MakeNumber(1));
