@@ -21,6 +21,7 @@
 #include <optional>
 #include <thread>
 #include <unordered_map>
+#include <utility>  // std::pair
 
 #include "tools/server/Server.h"
 
@@ -124,6 +125,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   // Any thread: ends the connection if it waits for a request; else its answer closes it.
   void Drain() {
     net::post(m_stream.get_executor(), [self = shared_from_this()] {
+      const std::lock_guard<std::mutex> hold(self->m_workerAnswer);
       self->m_draining = true;
       if (!self->m_inRequest && !self->m_closed) self->m_stream.cancel();
     });
@@ -273,13 +275,52 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
       } catch (const std::exception& e) {
         reply = Problem(500, std::string("the server failed: ") + e.what());
       }
-      net::post(self->m_stream.get_executor(), [self, reply = std::move(reply)]() mutable {
-        self->Answer(std::move(reply), false);
-      });
+      self->AnswerFromWorker(std::move(reply));
     });
   }
 
+  // On the worker thread that made the answer, while the connection waits for it: nothing of
+  // the connection is pending on its strand but what Drain posts, which m_workerAnswer keeps
+  // out meanwhile. An answer that the socket takes whole at once is written here and the wait
+  // for the next request starts here: no hand-over back to an I/O thread on the path of
+  // every request. Any other answer (one that closes the connection, or more than the socket
+  // takes now) is written from the strand.
+  void AnswerFromWorker(CReply reply) {
+    std::unique_lock<std::mutex> hold(m_workerAnswer);
+    const auto [keepAlive, unreadBody] = Prepare(std::move(reply), false);
+    if (keepAlive && !unreadBody && WriteNow()) {
+      m_serializer.reset();
+      m_response.reset();
+      End();
+      WaitForRequest();  // the last use of the connection on this thread
+      return;
+    }
+    hold.unlock();
+    net::post(m_stream.get_executor(), [self = shared_from_this(), keepAlive = keepAlive,
+                                        unreadBody = unreadBody] {
+      self->WriteSome(keepAlive, unreadBody);
+    });
+  }
+
+  // Writes as much of the prepared answer as the socket takes without waiting; true when it
+  // took all of it. A failed write leaves the rest to the strand, which sees the failure again.
+  bool WriteNow() {
+    beast::error_code ec;
+    m_stream.socket().non_blocking(true, ec);
+    while (!ec && !m_serializer->is_done()) {
+      m_bytesOut += http::write_some(m_stream.socket(), *m_serializer, ec);
+    }
+    return !ec && m_serializer->is_done();
+  }
+
   void Answer(CReply reply, bool close) {
+    const auto [keepAlive, unreadBody] = Prepare(std::move(reply), close);
+    WriteSome(keepAlive, unreadBody);
+  }
+
+  // Makes the HTTP answer of `reply` and its serializer; says whether the connection stays
+  // open and whether a body is left unread.
+  std::pair<bool, bool> Prepare(CReply reply, bool close) {
     if (m_draining || m_network.IsDraining()) close = true;
     auto response = std::make_shared<http::response<http::string_body>>();
     response->version(m_version);
@@ -304,7 +345,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     const bool unreadBody = m_parser && !m_parser->is_done();
     m_response = std::move(response);
     m_serializer.emplace(*m_response);
-    WriteSome(keepAlive, unreadBody);
+    return {keepAlive, unreadBody};
   }
 
   // Writes the answer a step at a time, each step with its own time limit, so that a large
@@ -409,6 +450,9 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   CNetwork::Impl& m_network;
   CServer& m_server;
   CRouted m_routed;
+  // Held by the worker thread that writes an answer (AnswerFromWorker) and by Drain's step on
+  // the strand: the only two that can touch the connection at the same time.
+  std::mutex m_workerAnswer;
   bool m_draining = false;
   bool m_closed = false;
   Clock::time_point m_lingerUntil;
