@@ -264,7 +264,13 @@ class PoolCore {
     }
     slot->idleSince = Clock::now();
     m_idle.push_back(std::move(slot));
-    m_retirerWake.notify_all();  // the next idle deadline may have changed
+    // A retirer that waits for the oldest idle handler's deadline needs no word of handlers
+    // that become idle after it: their deadlines come later. So the handler given back after
+    // every exchange wakes it only when it sleeps without a deadline while the pool holds
+    // more than MinHandlers.
+    if (m_idle.size() + m_busy > m_min && !m_retirerTiming) {
+      m_retirerWake.notify_all();
+    }
   }
 
   // Hands `slot` to the retirer; `counted`: a retired handler, not a failed start.
@@ -368,7 +374,9 @@ class PoolCore {
           Retire(std::move(m_idle.front()), true);
           m_idle.pop_front();
         } else {
+          m_retirerTiming = true;
           m_retirerWake.wait_until(lock, deadline);
+          m_retirerTiming = false;
         }
         continue;
       }
@@ -413,6 +421,7 @@ class PoolCore {
   std::mutex m_mutex;
   std::condition_variable m_starterWake;    // a start may be wanted, or the pool stops
   std::condition_variable m_retirerWake;    // something to retire, or idle handlers changed
+  bool m_retirerTiming = false;  // under m_mutex: the retirer waits for the oldest's deadline
   std::condition_variable m_collectorWake;  // a process to wait for, or the threads end
   std::condition_variable m_changed;        // any count changed (Stop, WaitForStats)
 

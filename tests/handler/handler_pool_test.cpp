@@ -21,6 +21,7 @@
 #include "tests/handler/ProcessProbe.h"
 #include "tests/handler/test_handler/TestHandler.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/ThreadSwitches.h"
 #include "tests/support/WaitFor.h"
 
 namespace CTolvane {
@@ -110,6 +111,36 @@ TEST(HandlerPool, StartsTheMinimumAtOnceWithoutABorrower) {
   EXPECT_EQ(stats.Starting, 0u);
   EXPECT_EQ(stats.Leases, 0u);
 }
+
+#if !defined(_WIN32)
+// Linux: a handler given back wakes none of the pool's threads, whether the pool holds its
+// minimum (the retirer sleeps without a deadline) or more (it sleeps until the oldest idle
+// handler's deadline, which a handler given back later does not move).
+TEST(HandlerPool, GivingAHandlerBackWakesNoThreadOfThePool) {
+  for (const std::size_t minimum : {std::size_t{1}, std::size_t{0}}) {
+    CHandlerPoolSettings settings = TestSettings();
+    settings.MinHandlers = minimum;
+    settings.MaxHandlers = 1;
+    settings.IdleMs = 600000;
+    CHandlerPool pool(settings);
+    {
+      CHandlerLease first;
+      ASSERT_EQ(pool.Borrow(first), EPoolWait::Ok);
+    }
+    ASSERT_TRUE(WaitForPool(pool, [](const CHandlerPoolStats& s) { return s.Idle == 1; }));
+    // The first lease given back has set the retirer's deadline (minimum 0); from here on the
+    // pool's threads only sleep.
+    const long before = pendrel_test::VoluntarySwitchesOfOtherThreads();
+    for (int round = 0; round < 100; ++round) {
+      CHandlerLease lease;
+      ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok) << round;
+      lease.Release();
+    }
+    const long after = pendrel_test::VoluntarySwitchesOfOtherThreads();
+    EXPECT_LT(after - before, 10) << "minimum " << minimum;
+  }
+}
+#endif
 
 TEST(HandlerPool, GrowsToTheMaximumAndNoFurther) {
   CHandlerPoolSettings settings = TestSettings();

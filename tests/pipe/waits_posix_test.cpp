@@ -1,21 +1,16 @@
 // Linux: a thread waiting on the channel sleeps until what it waits for comes. WaitForFailure
 // (the kit's watcher) is not woken by messages going in and out, and WaitForMessage is not
 // woken by messages being written; each such wake-up is a context switch on the path of every
-// exchange. The waiting thread's voluntary context switches are read from /proc.
+// exchange.
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <fstream>
 #include <future>
-#include <sstream>
 #include <string>
-#include <thread>
 
 #include "pipe/NamedPipeChannel.h"
 #include "tests/pipe/PipeTestSupport.h"
+#include "tests/support/ThreadSwitches.h"
 
 namespace pendrel_test {
 namespace {
@@ -27,43 +22,13 @@ constexpr int kExchanges = 100;
 // Far below one wake-up per exchange; a few allow for the scheduler's own moves.
 constexpr long kAllowedSwitches = 10;
 
-long ThreadId() { return static_cast<long>(::syscall(SYS_gettid)); }
-
-std::string TaskFile(long tid, const char* file) {
-  return "/proc/self/task/" + std::to_string(tid) + "/" + file;
-}
-
-long VoluntarySwitches(long tid) {
-  std::ifstream status(TaskFile(tid, "status"));
-  std::string line;
-  while (std::getline(status, line)) {
-    constexpr char kKey[] = "voluntary_ctxt_switches:";
-    if (line.rfind(kKey, 0) == 0) return std::stol(line.substr(sizeof kKey - 1));
-  }
-  return -1;
-}
-
-// Whether thread `tid` is asleep (state S), waiting up to 10 s for it to get there.
-bool WaitUntilAsleep(long tid) {
-  for (int attempt = 0; attempt < 10000; ++attempt) {
-    std::ifstream stat(TaskFile(tid, "stat"));
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const std::size_t close = text.rfind(')');
-    if (close != std::string::npos && close + 2 < text.size() && text[close + 2] == 'S') {
-      return true;
-    }
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
-}
-
 TEST(PipeChannelWaits, WaitForFailureSleepsWhileMessagesComeAndGo) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   std::promise<long> tid;
   auto watcher = std::async(std::launch::async, [&] {
-    tid.set_value(ThreadId());
+    tid.set_value(CurrentThreadId());
     return server.WaitForFailure();
   });
   const long watcherId = tid.get_future().get();
@@ -90,7 +55,7 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   std::promise<long> tid;
   auto reader = std::async(std::launch::async, [&] {
-    tid.set_value(ThreadId());
+    tid.set_value(CurrentThreadId());
     std::string message;
     const EWaitResult result = server.WaitForMessage(message, std::chrono::milliseconds::max());
     return result == EWaitResult::Message ? message : std::string("no message");
