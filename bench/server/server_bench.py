@@ -11,7 +11,9 @@ body sent, and a case with any error or non-2xx answer is reported as failed.
 The results are written in Google Benchmark's JSON shape (one entry per case and server:
 `Server/<size>/<connections>/pendrel` and `.../nginx+php-fpm`, with requests_per_second,
 p50_us, p99_us, bytes_per_second counting the body both ways, body_bytes, and transfer = 1
-for the large transfer), so that bench/summarize.py prints them in the one table.
+for the large transfer), so that bench/summarize.py prints them in the one table. Each entry
+also says what a request cost the whole machine while wrk ran (cpu_us_per_request and
+switches_per_request, from /proc/stat: every process, wrk's too), to explain the rates.
 
     server_bench.py --pendrel PATH --echo PATH --out FILE.json [--smoke] [--workers N]
 
@@ -221,16 +223,34 @@ def check_echo(url, size):
                            f"{len(answer)} bytes: {answer[:200]!r}")
 
 
+def machine_counters():
+    """Busy CPU time (seconds, all cores) and context switches of the whole machine so far."""
+    with open("/proc/stat") as stat:
+        fields = {line.split()[0]: line.split()[1:] for line in stat}
+    ticks = os.sysconf("SC_CLK_TCK")
+    cpu = [int(value) for value in fields["cpu"]]
+    idle = cpu[3] + cpu[4]  # idle and iowait
+    return (sum(cpu[:8]) - idle) / ticks, int(fields["ctxt"][0])
+
+
 def run_wrk(options, url, size, connections, seconds):
     threads = min(connections, 2)
     command = [options.wrk, "-t", str(threads), "-c", str(connections), "-d", f"{seconds}s",
                "--timeout", "60s", "-s", os.path.join(HERE, "post.lua"), url, "--", str(size)]
+    cpu_before, switches_before = machine_counters()
     result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                             timeout=seconds + 120, check=False)
+    cpu_after, switches_after = machine_counters()
     lines = [line for line in result.stdout.splitlines() if line.startswith("{")]
     if result.returncode != 0 or not lines:
         raise RuntimeError(f"wrk failed ({result.returncode}): {result.stderr}{result.stdout}")
-    return json.loads(lines[-1])
+    report = json.loads(lines[-1])
+    # What a request costs the whole machine (server, workers, wrk and all): CPU time and
+    # context switches per request; reported beside the rates, to explain them.
+    requests = max(report["requests"], 1)
+    report["cpu_us_per_request"] = (cpu_after - cpu_before) * 1e6 / requests
+    report["switches_per_request"] = (switches_after - switches_before) / requests
+    return report
 
 
 def entry(name, size, transfer, report):
@@ -241,7 +261,9 @@ def entry(name, size, transfer, report):
             "requests": report["requests"], "body_bytes": size, "transfer": int(transfer),
             "requests_per_second": report["requests"] / seconds,
             "p50_us": report["p50_us"], "p99_us": report["p99_us"],
-            "bytes_per_second": 2 * size * report["requests"] / seconds}
+            "bytes_per_second": 2 * size * report["requests"] / seconds,
+            "cpu_us_per_request": report["cpu_us_per_request"],
+            "switches_per_request": report["switches_per_request"]}
     if errors or not report["requests"]:
         item["error_occurred"] = True
         item["error_message"] = (f"{errors} errors or non-2xx answers in "
@@ -288,7 +310,9 @@ def main(argv):
                                  index == len(cases) - 1, report)
                     results.append(item)
                     print(f"{item['name']}: {item['requests_per_second']:.1f} requests/s, "
-                          f"p50 {item['p50_us'] / 1000:.2f} ms, p99 {item['p99_us'] / 1000:.2f} ms"
+                          f"p50 {item['p50_us'] / 1000:.2f} ms, p99 {item['p99_us'] / 1000:.2f} ms, "
+                          f"machine per request: {item['cpu_us_per_request']:.0f} us CPU, "
+                          f"{item['switches_per_request']:.1f} context switches"
                           + (f", FAILED: {item['error_message']}" if "error_occurred" in item
                              else ""), flush=True)
     finally:
