@@ -46,6 +46,10 @@ struct Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() {
+    // After a failed exchange nothing still queued is owed to the handler: the pipe closes at
+    // once, so a handler that stopped reading cannot hold the closing thread (a pool's
+    // retirer, say) for the channel's time limit before its grace period even begins.
+    if (failed) channel.SetTimeLimitMs(0);
     channel.Close();
     child.Release(std::chrono::milliseconds(gracePeriodMs.load()));
   }

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#if !defined(_WIN32)
+#include <signal.h>  // kill, SIGSTOP
+#endif
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -578,6 +582,33 @@ TEST(HandlerPool, KillsARetiredHandlerThatDoesNotEndInItsGracePeriod) {
   EXPECT_EQ(pool.Stats().Killed, 1u);
   EXPECT_FALSE(ProcessExists(pid));
 }
+
+#if !defined(_WIN32)
+TEST(HandlerPool, RetiresAFrozenHandlerWithoutWaitingForItToReadItsRequest) {
+  // A stopped process reads nothing: the request stays half written when the exchange times
+  // out. Retiring the handler must not wait for the rest to go out (the channel's 60 s).
+  CHandlerPoolSettings settings = TestSettings();
+  settings.MaxHandlers = 1;
+  settings.ResponseTimeoutS = 1;
+  settings.StopGracePeriodMs = 500;
+  CHandlerPool pool(settings);
+  CHandlerLease lease;
+  ASSERT_EQ(pool.Borrow(lease), EPoolWait::Ok);
+  const std::uint32_t pid = lease->GetProcessId();
+  ASSERT_EQ(::kill(static_cast<pid_t>(pid), SIGSTOP), 0);
+  Pendrel::CRequest request;
+  request.Command = L"ECHO";
+  request.InputData.emplace_back();
+  request.InputData.back().Data.assign(std::size_t{16} << 20, 'f');
+  Pendrel::CResponse response;
+  EXPECT_EQ(lease->HandleRequest(request, response), ResponseTimeout);
+  lease.Release();
+  ASSERT_TRUE(WaitForPool(
+      pool, [](const CHandlerPoolStats& s) { return s.Retired == 1 && s.Retiring == 0; }));
+  EXPECT_EQ(pool.Stats().Killed, 1u);
+  EXPECT_FALSE(ProcessExists(pid));
+}
+#endif
 
 TEST(HandlerPool, LeavesNoProcessBehindWhenDestroyed) {
   std::vector<std::uint32_t> pids;
