@@ -7,6 +7,8 @@
 #include <chrono>
 #include <future>
 #include <string>
+#include <type_traits>  // std::invoke_result_t
+#include <utility>
 
 #include "pipe/NamedPipeChannel.h"
 #include "tests/pipe/PipeTestSupport.h"
@@ -22,17 +24,31 @@ constexpr int kExchanges = 100;
 // Far below one wake-up per exchange; a few allow for the scheduler's own moves.
 constexpr long kAllowedSwitches = 10;
 
+// Runs `wait` on a thread of its own and returns once that thread sleeps in it, with the
+// thread's id in `tid` (0 when it did not go to sleep within 10 s).
+template <typename Wait>
+std::future<std::invoke_result_t<Wait>> StartAsleepIn(Wait wait, long& tid) {
+  std::promise<long> started;
+  std::future<long> id = started.get_future();
+  auto result = std::async(std::launch::async, [started = std::move(started), wait]() mutable {
+    started.set_value(CurrentThreadId());
+    return wait();
+  });
+  tid = id.get();
+  if (!WaitUntilAsleep(tid)) tid = 0;
+  return result;
+}
+
 TEST(PipeChannelWaits, WaitForFailureSleepsWhileMessagesComeAndGo) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  std::promise<long> tid;
-  auto watcher = std::async(std::launch::async, [&] {
-    tid.set_value(CurrentThreadId());
-    return server.WaitForFailure();
-  });
-  const long watcherId = tid.get_future().get();
-  ASSERT_TRUE(WaitUntilAsleep(watcherId));
+  long watcherId = 0;
+  auto watcher = StartAsleepIn([&server] { return server.WaitForFailure(); }, watcherId);
+  if (watcherId == 0) {
+    server.InterruptWaits();
+    FAIL() << "the watcher did not go to sleep";
+  }
   const long before = VoluntarySwitches(watcherId);
   for (int index = 0; index < kExchanges; ++index) {
     ASSERT_TRUE(client.WriteMessage("request " + std::to_string(index)));
@@ -53,15 +69,18 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
   NamedPipeChannel server;
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  std::promise<long> tid;
-  auto reader = std::async(std::launch::async, [&] {
-    tid.set_value(CurrentThreadId());
-    std::string message;
-    const EWaitResult result = server.WaitForMessage(message, std::chrono::milliseconds::max());
-    return result == EWaitResult::Message ? message : std::string("no message");
-  });
-  const long readerId = tid.get_future().get();
-  ASSERT_TRUE(WaitUntilAsleep(readerId));
+  long readerId = 0;
+  auto reader = StartAsleepIn(
+      [&server] {
+        std::string message;
+        const EWaitResult result = server.WaitForMessage(message, std::chrono::milliseconds::max());
+        return result == EWaitResult::Message ? message : std::string("no message");
+      },
+      readerId);
+  if (readerId == 0) {
+    server.InterruptWaits();
+    FAIL() << "the reader did not go to sleep";
+  }
   const long before = VoluntarySwitches(readerId);
   // Three packets each: written by the worker, each message's end and flush reported.
   const std::string large = PatternBytes(3 * (32768 - 8));
