@@ -121,8 +121,8 @@ class PENDREL_API CHandler {
   CHandler(const CHandler& other);
   CHandler& operator=(const CHandler& other);
   // If this is the last owner of a started handler: closes the pipe (queued messages get up
-  // to 60 s to go out) and leaves the process to the supervision described above; returns
-  // without waiting for the process.
+  // to 60 s to go out, none once an exchange has failed) and leaves the process to the
+  // supervision described above; returns without waiting for the process.
   ~CHandler();
 
   // Starts the handler program `path` with the command line
