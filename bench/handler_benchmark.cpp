@@ -332,8 +332,8 @@ void TransferPendrel(benchmark::State& state, std::size_t size) {
   const Pendrel::CRequest request = MakeRequest(MakeFileData(DataKind::C, size));
   const auto exchange = [&handler, &request, size] {
     Pendrel::CResponse response;
-    return handler.HandleRequest(request, response) == CTolvane::Ok &&
-           response.Data.size() == 1 && response.Data.front().Data.size() == size;
+    return handler.HandleRequest(request, response) == CTolvane::Ok && response.Data.size() == 1 &&
+           response.Data.front().Data.size() == size;
   };
   // One transfer before the clock, as a running server has made others before: the first
   // touch of memory the system never handed out before costs more than the exchange itself

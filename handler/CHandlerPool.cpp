@@ -421,9 +421,9 @@ class PoolCore {
   std::mutex m_mutex;
   std::condition_variable m_starterWake;    // a start may be wanted, or the pool stops
   std::condition_variable m_retirerWake;    // something to retire, or idle handlers changed
-  bool m_retirerTiming = false;  // under m_mutex: the retirer waits for the oldest's deadline
   std::condition_variable m_collectorWake;  // a process to wait for, or the threads end
   std::condition_variable m_changed;        // any count changed (Stop, WaitForStats)
+  bool m_retirerTiming = false;  // under m_mutex: the retirer waits for the oldest's deadline
 
   // Guarded by m_mutex, all of the following.
   std::deque<std::unique_ptr<PoolSlot>> m_idle;  // back: the most recently returned

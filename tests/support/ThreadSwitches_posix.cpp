@@ -51,7 +51,8 @@ bool WaitUntilAsleep(long tid) {
   using namespace std::chrono_literals;
   for (int attempt = 0; attempt < 10000; ++attempt) {
     std::ifstream stat(TaskFile(tid, "stat"));
-    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::string text((std::istreambuf_iterator<char>(stat)),
+                           std::istreambuf_iterator<char>());
     // The state follows the command name, which is in parentheses and may hold anything.
     const std::size_t close = text.rfind(')');
     if (close != std::string::npos && close + 2 < text.size() && text[close + 2] == 'S') {

@@ -296,10 +296,10 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
       return;
     }
     hold.unlock();
-    net::post(m_stream.get_executor(), [self = shared_from_this(), keepAlive = keepAlive,
-                                        unreadBody = unreadBody] {
-      self->WriteSome(keepAlive, unreadBody);
-    });
+    net::post(m_stream.get_executor(),
+              [self = shared_from_this(), keepAlive = keepAlive, unreadBody = unreadBody] {
+                self->WriteSome(keepAlive, unreadBody);
+              });
   }
 
   // Writes as much of the prepared answer as the socket takes without waiting; true when it
