@@ -186,25 +186,19 @@ std::string JsonTokenizer::ReadString() {
   if (m_owner == nullptr || m_input.size() - m_pos < kInPlaceThreshold) {
     return ReadStringToken(m_input, m_pos);
   }
-  // Only a string that is most of the input takes its buffer over: the rest of the input
-  // is copied out of the way, and the buffer is as large as the whole input. Finding its
-  // end first is a read, far cheaper than the copy and the fresh memory it saves.
-  bool hasBackslash = false;
-  const char* const begin = m_input.data() + m_pos;
-  const char* const stringEnd =
-      JsonText().findStringEnd(begin, m_input.data() + m_input.size(), hasBackslash);
-  if (static_cast<std::size_t>(stringEnd - begin) < (m_input.size() - m_pos) / 2) {
-    return ReadStringToken(m_input, m_pos);
-  }
-  // The string is unescaped towards the start of the buffer: the bytes before it have been
-  // read (they are tokens already, owning their text), and unescaping never writes past
-  // what it has read, so the write position never passes the read position.
+  // The string is unescaped towards the start of the buffer as it is read, in one pass: the
+  // bytes before it have been read (they are tokens already, owning their text), and
+  // unescaping never writes past what it has read, so the write position never passes the
+  // read position and what follows the string stays as it was. A string that is most of the
+  // input then takes the buffer over; a shorter one (a member's name, say) is copied out,
+  // and reading goes on in the buffer after it.
   const JsonTextKernels& kernels = JsonText();
   PieceBuffer buffer;
   char* const base = m_owner->data();
   const char* const last = base + m_owner->size();
+  const char* const begin = base + m_pos;
   char* out = base;
-  const char* first = base + m_pos;
+  const char* first = begin;
   const char* stop = nullptr;
   for (;;) {
     const char* const end = PieceEnd(first, last);
@@ -216,11 +210,17 @@ std::string JsonTokenizer::ReadString() {
     if (stop != end || end == last) break;
     first = end;
   }
+  const auto length = static_cast<std::size_t>(out - base);
+  const char* const next = stop == last ? last : stop + 1;
+  if (static_cast<std::size_t>(stop - begin) < (m_owner->size() - m_pos) / 2) {
+    m_pos = static_cast<std::size_t>(next - base);
+    return std::string(base, length);
+  }
   // What follows the string is read from a copy of its own (normally a few closing bytes).
-  m_rest.assign(stop == last ? last : stop + 1, last);
+  m_rest.assign(next, last);
   std::string text = std::move(*m_owner);
   m_owner = nullptr;
-  text.resize(static_cast<std::size_t>(out - base));
+  text.resize(length);
   // A string much shorter than the input it came from gives back the rest.
   if (text.capacity() / 2 > text.size() + kPiece) text.shrink_to_fit();
   m_input = m_rest;

@@ -426,6 +426,8 @@ TEST(JsonParserInPlace, GivesTheSameTreeAsParsingACopy) {
       "{\"open\":\"" + mega,
       "{\"Data\":\"" + mega + "\"]",
       "{\"short\":\"" + std::string(100, 's') + "\"}",
+      "{\"a\\u0062\":\"\\t\",\"Data\":\"" + escaped + "\",\"z\":\"" + mega + "\"}",
+      "[\"" + std::string(std::size_t{600} << 10, 'h') + "\",\"" + mega + "\"]",
   };
   for (const std::string& input : inputs) {
     std::string copyError;
@@ -440,14 +442,15 @@ TEST(JsonParserInPlace, GivesTheSameTreeAsParsingACopy) {
   }
 }
 
-// The long string takes over the input's memory instead of being copied out of it.
+// The long string takes over the input's memory instead of being copied out of it, also
+// after shorter strings that were read from the same buffer.
 TEST(JsonParserInPlace, LongStringKeepsTheInputsMemory) {
   // Built at its exact size: a string much shorter than its buffer's capacity gives the
   // rest back by a copy.
   const std::string contents(std::size_t{4} << 20, 'd');
   std::string input;
-  input.reserve(contents.size() + 11);
-  input.append("{\"Data\":\"").append(contents).append("\"}");
+  input.reserve(contents.size() + 41);
+  input.append("{\"Name\":\"a\\\"b\",\"Data\":\"").append(contents).append("\",\"n\":\"x\"}");
   const char* const memory = input.data();
   JsonValue root;
   std::string error;
@@ -456,6 +459,8 @@ TEST(JsonParserInPlace, LongStringKeepsTheInputsMemory) {
   const std::string data = TakeString(*FindMember(root, "Data"));
   EXPECT_EQ(data.data(), memory);
   EXPECT_EQ(data, contents);
+  EXPECT_EQ(TakeString(*FindMember(root, "Name")), "a\"b");
+  EXPECT_EQ(TakeString(*FindMember(root, "n")), "x");
 }
 
 }  // namespace
