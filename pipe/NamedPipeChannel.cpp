@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <iterator>  // std::size
 #include <limits>
 #include <mutex>
@@ -134,7 +135,14 @@ struct NamedPipeChannel::Impl {
   // Guarded by mutex: the unasked messages in receiveQueue, and their bytes.
   std::size_t unaskedCount = 0;
   std::uint64_t unaskedBytes = 0;
-  bool answerDue = false;    // guarded by mutex: a message was posted since the last arrived
+  bool answerDue = false;  // guarded by mutex: a message was posted since the last arrived
+  // Reading (see ReadDirectly): guarded by mutex. A caller of WaitForMessage reads the pipe
+  // itself (`directReader`) when the worker is not reading a packet (`workerReading`); the
+  // worker reads only while no caller does. `readersBarred` keeps callers out once the
+  // worker is about to disconnect.
+  bool directReader = false;
+  bool workerReading = false;
+  bool readersBarred = false;
   std::size_t waiting = 0;   // guarded by mutex: WaitForMessage calls in progress
   bool writing = false;      // guarded by mutex: a message off the send queue is being written
   bool peerExited = false;   // guarded by mutex: the expected client's process has ended
@@ -147,6 +155,14 @@ struct NamedPipeChannel::Impl {
   // the worker has been joined. While a worker runs, the pointer itself does not change: the
   // worker uses the transport without the lock, other threads only call Wake() under it.
   std::unique_ptr<detail::PipeTransport> transport;
+  // The message being put together, with the time its last packet came: used only by the
+  // one thread that reads (the worker while `workerReading`, a caller while `directReader`),
+  // so that a message begun by one is finished by the other.
+  struct Inbound {
+    MessageAssembler assembler;
+    Clock::time_point lastPacket{};
+  };
+  Inbound inbound;
   // Set by StartWorker before the worker starts and left alone until it has been joined.
   std::wstring name;
   EPipeEnd end = EPipeEnd::Server;
@@ -154,16 +170,25 @@ struct NamedPipeChannel::Impl {
 
   // Worker.
   struct Transfer;
+  struct PacketBounds;
   void RunWorker() noexcept;
   bool WaitForClient();
   bool AcceptClient(detail::PipeTransport& pipe);
   void Exchange();
   void SendNext(detail::PipeTransport& pipe, Transfer& transfer, milliseconds limit);
-  CChannelFailure Receive(detail::PipeTransport& pipe, Transfer& transfer);
+  PacketBounds Bounds() const;
+  CChannelFailure Receive(detail::PipeTransport& pipe, detail::EReader reader,
+                          std::string& completed, bool& complete);
+  CChannelFailure ReadFailureOf(const detail::TransportEvents& events,
+                                const PacketBounds& bounds) const;
+  void WaitForDirectReader();
   bool SendNowLocked(const std::string& message);
+  // Callers.
+  bool CanReadDirectlyLocked() const;
+  bool ReadDirectly(std::unique_lock<std::mutex>& lock, std::string& message, Deadline deadline);
   void TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
-  CChannelFailure Deliver(std::string message);
+  CChannelFailure DeliverLocked(std::string message);
   void MessageWritten();
 
   // Moves the oldest received message into `message`. Called under `mutex`, the queue not
@@ -193,17 +218,22 @@ struct NamedPipeChannel::Impl {
     FailLocked({kind, code});
     return false;
   }
+  // A transfer's failure, from the worker or a caller that reads: the first one stands.
+  void FailTransferLocked(CChannelFailure what) {
+    if (state != EChannelState::Failed) FailLocked(what);
+  }
   void FailLocked(CChannelFailure what) {
     failure = what;
     NotifyEndedLocked();
     if (state != EChannelState::Stopping) state = EChannelState::Failed;
     changed.notify_all();
   }
-  // Wakes WaitForMessage and WaitForFailure: the failure was set or waits interrupted.
-  // Called under `mutex`.
+  // Wakes WaitForMessage (also one reading the pipe) and WaitForFailure: the failure was
+  // set or waits interrupted. Called under `mutex`.
   void NotifyEndedLocked() {
     arrived.notify_all();
     endedOrInterrupted.notify_all();
+    if (directReader && transport) transport->WakeReader();
   }
   void SetStateLocked(EChannelState next) {
     state = next;
@@ -225,6 +255,13 @@ void NamedPipeChannel::Impl::RunWorker() noexcept {
     if (WaitForClient()) Exchange();
   } catch (...) {
     Fail(EChannelFailure::Unhandled);
+  }
+  {
+    // No caller may be reading the pipe when it closes.
+    std::unique_lock<std::mutex> lock(mutex);
+    readersBarred = true;
+    if (directReader) transport->WakeReader();
+    changed.wait(lock, [this] { return !directReader; });
   }
   // The peer learns at once that nobody reads or writes any more.
   transport->Disconnect();
@@ -297,9 +334,8 @@ void NamedPipeChannel::Impl::ReportFlush() {
 }
 
 // Queues a message that arrived whole; on a server end, a flood of unasked ones past the
-// bound fails the channel and frees what was queued.
-CChannelFailure NamedPipeChannel::Impl::Deliver(std::string message) {
-  const std::lock_guard<std::mutex> lock(mutex);
+// bound fails the channel and frees what was queued. Called under `mutex`.
+CChannelFailure NamedPipeChannel::Impl::DeliverLocked(std::string message) {
   const bool claimed =
       std::exchange(answerDue, false) || end == EPipeEnd::Client || waiting > receiveQueue.size();
   if (!claimed) {
@@ -321,35 +357,44 @@ void NamedPipeChannel::Impl::MessageWritten() {
   changed.notify_all();
 }
 
-// What the worker has in hand between two waits: the message being written and the one
-// being read, with their time limits.
+// What the worker has in hand between two waits: the message being written, with the time
+// limit of its packet in flight.
 struct NamedPipeChannel::Impl::Transfer {
   PacketWriter writer;
-  MessageAssembler assembler;
-  Clock::time_point lastPacket{};             // when the last packet of the message being read came
   Deadline packetDeadline = Deadline::max();  // for the packet being written
-
-  // When the next wait must end: a gap of more than `limit` between two packets of one
-  // message fails, so the wait runs just past it; a packet must be written within `limit`.
-  Deadline WaitDeadline(milliseconds limit, bool sending) const {
-    Deadline deadline = Deadline::max();
-    if (assembler.InMessage()) deadline = lastPacket + limit + milliseconds(1);
-    if (sending) deadline = std::min(deadline, packetDeadline);
-    return deadline;
-  }
-
-  // The time limit that has passed, if any.
-  CChannelFailure CheckTimeLimits(milliseconds limit, bool sending) const {
-    const Clock::time_point now = Clock::now();
-    if (assembler.InMessage() && now - lastPacket > limit) {
-      return {EChannelFailure::PacketTimedOut, assembler.Remaining()};
-    }
-    if (sending && now >= packetDeadline) {
-      return {EChannelFailure::WriteFailed, detail::kTimedOutCode};
-    }
-    return {};
-  }
 };
+
+// The packets a reader takes: P, the largest packet taken, and the largest that could carry
+// the largest message. A server end takes packets only up to its cap, so that a client
+// cannot make it adopt a size that every later message of the host would be padded to.
+struct NamedPipeChannel::Impl::PacketBounds {
+  std::uint32_t wire = 0;
+  std::size_t largest = 0;
+  std::size_t carrying = 0;
+};
+
+NamedPipeChannel::Impl::PacketBounds NamedPipeChannel::Impl::Bounds() const {
+  PacketBounds bounds;
+  bounds.wire = WirePacketSize(packetSize);
+  bounds.carrying = LargestCarryingPacket(bounds.wire, maxMessageSize);
+  bounds.largest =
+      end == EPipeEnd::Server
+          ? std::min<std::size_t>(bounds.carrying, std::max(bounds.wire, maxPacketSize.load()))
+          : bounds.carrying;
+  return bounds;
+}
+
+// The failure a reader's wait reported, if any: a packet past the server end's cap (but one
+// that could carry a message) is refused with kPacketTooLargeCode.
+CChannelFailure NamedPipeChannel::Impl::ReadFailureOf(const detail::TransportEvents& events,
+                                                      const PacketBounds& bounds) const {
+  if (events.failure == ETransportFailure::None) return {};
+  if (events.failure == ETransportFailure::Read && events.code == detail::kTooLargeCode &&
+      bounds.largest < bounds.carrying) {
+    return {EChannelFailure::ReadFailed, kPacketTooLargeCode};
+  }
+  return {FailureOfTransfer(events.failure), events.code};
+}
 
 // Starts writing the next packet when the pipe is free, taking the next queued message when
 // the last one has gone; reports a flush once nothing is left to write.
@@ -363,20 +408,23 @@ void NamedPipeChannel::Impl::SendNext(detail::PipeTransport& pipe, Transfer& tra
   if (!transfer.writer.Active()) ReportFlush();
 }
 
-// Adds the packet that arrived to the message being read, its payload received straight into
-// the message, and delivers the message it completes.
-CChannelFailure NamedPipeChannel::Impl::Receive(detail::PipeTransport& pipe, Transfer& transfer) {
-  const std::size_t length = pipe.PacketLength();
+// Adds the packet announced to `reader` to the message being read, its payload received
+// straight into the message; `complete` says whether it completed the message, then in
+// `completed`. Called by the thread that reads.
+CChannelFailure NamedPipeChannel::Impl::Receive(detail::PipeTransport& pipe, detail::EReader reader,
+                                                std::string& completed, bool& complete) {
+  complete = false;
+  const std::size_t length = pipe.PacketLength(reader);
   // A handler may use larger packets than ours; the server end adopts their size (the
   // transport has refused packets past MaxPacketSize()).
   if (end == EPipeEnd::Server && length > packetSize) {
     packetSize = static_cast<std::uint32_t>(length);
   }
-  transfer.lastPacket = Clock::now();
-  const std::string_view head = pipe.PacketHead();
+  inbound.lastPacket = Clock::now();
+  const std::string_view head = pipe.PacketHead(reader);
   char* payload = nullptr;
   const MessageAssembler::EStep step =
-      transfer.assembler.Accept(head, length, WirePacketSize(packetSize), maxMessageSize, payload);
+      inbound.assembler.Accept(head, length, WirePacketSize(packetSize), maxMessageSize, payload);
   switch (step) {
     case MessageAssembler::EStep::Complete:
     case MessageAssembler::EStep::Partial:
@@ -387,10 +435,13 @@ CChannelFailure NamedPipeChannel::Impl::Receive(detail::PipeTransport& pipe, Tra
       return {EChannelFailure::ReadFailed, detail::kTooLargeCode};
   }
   const std::uint32_t payloadLength = protocol::ReadPacketHeader(head.data()).payload;
-  if (const std::uint32_t error = pipe.TakePacket(payload, payloadLength)) {
+  if (const std::uint32_t error = pipe.TakePacket(payload, payloadLength, reader)) {
     return {EChannelFailure::ReadFailed, error};
   }
-  if (step == MessageAssembler::EStep::Complete) return Deliver(transfer.assembler.TakeMessage());
+  if (step == MessageAssembler::EStep::Complete) {
+    completed = inbound.assembler.TakeMessage();
+    complete = true;
+  }
   return {};
 }
 
@@ -412,50 +463,152 @@ bool NamedPipeChannel::Impl::SendNowLocked(const std::string& message) {
   return transport->SendNow(pieces);
 }
 
+// The worker saw the peer's end while a caller reads the pipe: the caller takes what is left
+// and reports the end; the worker goes on once it has (or Close came).
+void NamedPipeChannel::Impl::WaitForDirectReader() {
+  std::unique_lock<std::mutex> lock(mutex);
+  changed.wait(lock, [this] {
+    return !directReader || state == EChannelState::Stopping || state == EChannelState::Failed;
+  });
+}
+
 // Reads and writes at the same time, so that two ends that both send large messages cannot
-// block each other; one message is written at a time, packet after packet. Returns when
-// Close tells it to or a transfer fails (the failure set).
+// block each other; one message is written at a time, packet after packet. Reads only while
+// no caller reads (see ReadDirectly). Returns when Close tells it to or a transfer fails (the
+// failure set, by the worker or by a caller that read).
 void NamedPipeChannel::Impl::Exchange() {
   detail::PipeTransport& pipe = *transport;
   Transfer transfer;
+  bool reading = false;
+  // Asked by the transport before it reads: the worker takes a packet only while no caller
+  // reads, and holds off callers until it has handled the packet.
+  const std::function<bool()> mayRead = [this, &reading] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    reading = !directReader && state != EChannelState::Failed;
+    if (reading) workerReading = true;
+    return reading;
+  };
   for (;;) {
+    const milliseconds limit(timeLimitMs.load());
+    // A gap of more than `limit` between two packets of one message fails, so the wait runs
+    // just past it (a caller that reads watches that gap itself).
+    Deadline deadline = Deadline::max();
     {
       const std::lock_guard<std::mutex> lock(mutex);
-      if (state == EChannelState::Stopping) return;
+      if (state == EChannelState::Stopping || state == EChannelState::Failed) return;
+      if (!directReader && inbound.assembler.InMessage()) {
+        deadline = inbound.lastPacket + limit + milliseconds(1);
+      }
     }
-    const milliseconds limit(timeLimitMs.load());
     SendNext(pipe, transfer, limit);
-    const std::uint32_t wireSize = WirePacketSize(packetSize);
-    const std::size_t carrying = LargestCarryingPacket(wireSize, maxMessageSize);
-    // A server end takes packets up to its cap, so that a client cannot make it adopt a
-    // size that every later message of the host would be padded to.
-    const std::size_t largest =
-        end == EPipeEnd::Server
-            ? std::min<std::size_t>(carrying, std::max(wireSize, maxPacketSize.load()))
-            : carrying;
-    detail::TransportEvents events =
-        pipe.Wait(transfer.WaitDeadline(limit, pipe.Sending()), wireSize, largest);
-    if (events.failure == ETransportFailure::Read && events.code == detail::kTooLargeCode &&
-        largest < carrying) {
-      events.code = kPacketTooLargeCode;
+    if (pipe.Sending()) deadline = std::min(deadline, transfer.packetDeadline);
+    const PacketBounds bounds = Bounds();
+    reading = false;
+    const detail::TransportEvents events =
+        pipe.Wait(deadline, bounds.wire, bounds.largest, mayRead);
+    if (events.deferred) {
+      WaitForDirectReader();
+      continue;
     }
 
     // A packet that arrived is handled before a failure seen in the same wait, so that a
     // message sent just before the peer left is still delivered.
     CChannelFailure failure;
-    if (events.received) failure = Receive(pipe, transfer);
-    if (failure.Failure == EChannelFailure::None && events.failure != ETransportFailure::None) {
-      failure = {FailureOfTransfer(events.failure), events.code};
+    std::string completed;
+    bool complete = false;
+    if (events.received) failure = Receive(pipe, detail::EReader::Driving, completed, complete);
+    if (failure.Failure == EChannelFailure::None) failure = ReadFailureOf(events, bounds);
+    {
+      // The message is queued before callers may read again, so that it stays ahead of the
+      // next one.
+      const std::lock_guard<std::mutex> lock(mutex);
+      if (failure.Failure == EChannelFailure::None && !directReader &&
+          inbound.assembler.InMessage() && Clock::now() - inbound.lastPacket > limit) {
+        failure = {EChannelFailure::PacketTimedOut, inbound.assembler.Remaining()};
+      }
+      if (complete && failure.Failure == EChannelFailure::None) {
+        failure = DeliverLocked(std::move(completed));
+      }
+      workerReading = false;
     }
     if (failure.Failure == EChannelFailure::None) {
       if (events.sent && transfer.writer.PacketSent()) MessageWritten();
-      failure = transfer.CheckTimeLimits(limit, pipe.Sending());
+      if (pipe.Sending() && Clock::now() >= transfer.packetDeadline) {
+        failure = {EChannelFailure::WriteFailed, detail::kTimedOutCode};
+      }
     }
     if (failure.Failure != EChannelFailure::None) {
-      Fail(failure.Failure, failure.Code);
+      const std::lock_guard<std::mutex> lock(mutex);
+      FailTransferLocked(failure);
       return;
     }
   }
+}
+
+// Whether a caller of WaitForMessage may read the pipe itself: the worker is connected and
+// not reading a packet, and no other caller reads. Called under `mutex`.
+bool NamedPipeChannel::Impl::CanReadDirectlyLocked() const {
+  return transport && detail::PipeTransport::SupportsDirectReading() &&
+         (state == EChannelState::Connected || state == EChannelState::Draining) &&
+         !readersBarred && !directReader && !workerReading;
+}
+
+// A caller waiting for a message reads the pipe itself rather than sleeping until the worker
+// has read the message and handed it over: one thread fewer woken on the way of every
+// message. Meanwhile the worker neither reads nor wakes for input; it still writes. Reads
+// until a message is complete (true, the message in `message`), the failure is set (also by
+// this reader), waits are interrupted, the worker is about to disconnect, or `deadline`
+// passes; then input is the worker's again, so that what arrives unasked later is still
+// bounded. A message being put together when this reader leaves is finished by the worker.
+// Called and returns under `mutex` (held by `lock`), with CanReadDirectlyLocked() true.
+bool NamedPipeChannel::Impl::ReadDirectly(std::unique_lock<std::mutex>& lock, std::string& message,
+                                          Deadline deadline) {
+  detail::PipeTransport& pipe = *transport;
+  directReader = true;
+  pipe.WatchInput(false);
+  bool got = false;
+  for (;;) {
+    const milliseconds limit(timeLimitMs.load());
+    Deadline wait = deadline;
+    if (inbound.assembler.InMessage()) {
+      wait = std::min(wait, inbound.lastPacket + limit + milliseconds(1));
+    }
+    const PacketBounds bounds = Bounds();
+    lock.unlock();
+    const detail::TransportEvents events = pipe.WaitToRead(wait, bounds.largest);
+    CChannelFailure problem;
+    std::string completed;
+    bool complete = false;
+    if (events.received) problem = Receive(pipe, detail::EReader::Direct, completed, complete);
+    if (problem.Failure == EChannelFailure::None) problem = ReadFailureOf(events, bounds);
+    if (problem.Failure == EChannelFailure::None && inbound.assembler.InMessage() &&
+        Clock::now() - inbound.lastPacket > limit) {
+      problem = {EChannelFailure::PacketTimedOut, inbound.assembler.Remaining()};
+    }
+    lock.lock();
+    if (problem.Failure != EChannelFailure::None) {
+      // The worker ends on the failure like on its own.
+      FailTransferLocked(problem);
+      WakeWorkerLocked();
+      break;
+    }
+    if (complete) {
+      // The answer an exchange waited for, or a message a waiting caller claims.
+      answerDue = false;
+      message = std::move(completed);
+      got = true;
+      break;
+    }
+    if (interrupted || readersBarred || failure.Failure != EChannelFailure::None ||
+        (state != EChannelState::Connected && state != EChannelState::Draining) ||
+        Clock::now() >= deadline) {
+      break;
+    }
+  }
+  pipe.WatchInput(true);
+  directReader = false;
+  changed.notify_all();
+  return got;
 }
 
 NamedPipeChannel::NamedPipeChannel() : m_impl(std::make_unique<Impl>()) {}
@@ -503,6 +656,10 @@ bool NamedPipeChannel::StartWorker(const std::wstring& name, EPipeEnd end) {
     impl.flush = Impl::EFlush::None;
     impl.writing = false;
     impl.reachedConnected = false;
+    impl.directReader = false;
+    impl.workerReading = false;
+    impl.readersBarred = false;
+    impl.inbound = Impl::Inbound();
     if (client) impl.transport = std::move(client);
     impl.SetStateLocked(EChannelState::Opening);
   }
@@ -620,12 +777,16 @@ EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds 
       return EWaitResult::Message;
     }
     if (impl.failure.Failure != EChannelFailure::None) return EWaitResult::Error;
-    if (unlimited) {
-      impl.arrived.wait(lock);
+    if (!unlimited && Clock::now() >= deadline) return EWaitResult::TimedOut;
+    if (impl.CanReadDirectlyLocked()) {
+      if (impl.ReadDirectly(lock, message, deadline)) return EWaitResult::Message;
       continue;
     }
-    if (Clock::now() >= deadline) return EWaitResult::TimedOut;
-    impl.arrived.wait_until(lock, deadline);
+    if (unlimited) {
+      impl.arrived.wait(lock);
+    } else {
+      impl.arrived.wait_until(lock, deadline);
+    }
   }
 }
 

@@ -9,11 +9,13 @@
 // (pipe/NamedPipeChannel.cpp).
 //
 // Thread rules: one thread (the channel's worker, or a test) drives a transport; Wake() alone
-// may be called from any thread at any time, also before Listen/Connect.
+// may be called from any thread at any time, also before Listen/Connect. The exceptions are
+// SendNow and direct reading (below), each with its own rules.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,9 +47,16 @@ struct TransportEvents {
   // Packet() receives it, until the next Wait().
   bool received = false;
   bool sent = false;  // the packet handed to Send() has gone out whole
+  // Wait(): the peer's end (or an error) is there to be read, but the gate kept the driving
+  // thread from reading: the direct reader will see it.
+  bool deferred = false;
   ETransportFailure failure = ETransportFailure::None;
   std::uint32_t code = 0;  // the system's error number (or one of the k…Code above)
 };
+
+// Who receives a packet: the driving thread, through Wait(), or the direct reader, through
+// WaitToRead().
+enum class EReader { Driving, Direct };
 
 enum class EAcceptResult {
   Connected,  // a client of this user (and of the expected process, if any) is connected
@@ -106,20 +115,43 @@ class PipeTransport {
   // failed, Wake() was called or `deadline` passed, whichever comes first. Packets are
   // received whole up to `maxPacket` bytes; a larger one is a Read failure with
   // kTooLargeCode. `readSize` is the size expected of packets (a hint for buffers).
-  TransportEvents Wait(base::Deadline deadline, std::size_t readSize, std::size_t maxPacket);
+  // `mayRead`, when given, is asked before an arrived packet (or the peer's end) is looked
+  // at; when it says no, nothing is read (see direct reading below). Windows never asks it:
+  // there is no direct reader there.
+  TransportEvents Wait(base::Deadline deadline, std::size_t readSize, std::size_t maxPacket,
+                       const std::function<bool()>& mayRead = {});
 
-  // The packet reported by the last Wait(): its size, and its first bytes (its header, or
-  // all of a packet shorter than one).
-  std::size_t PacketLength() const;
-  std::string_view PacketHead() const;
+  // The packet reported to `reader` by its last wait: its size, and its first bytes (its
+  // header, or all of a packet shorter than one).
+  std::size_t PacketLength(EReader reader = EReader::Driving) const;
+  std::string_view PacketHead(EReader reader = EReader::Driving) const;
   // Receives that packet with its payload going straight to `payload`: the first
   // `payloadLength` bytes after the header land there, the header and the rest (the filler)
   // are dropped. Returns 0, or the system's error number (kInvalidDataCode when the packet
   // came shorter than that). At most once per reported packet, and not after Packet().
-  std::uint32_t TakePacket(char* payload, std::size_t payloadLength);
-  // Receives that packet whole, if TakePacket has not; the packet stays valid until the next
-  // Wait(). Empty when it could not be read.
+  std::uint32_t TakePacket(char* payload, std::size_t payloadLength,
+                           EReader reader = EReader::Driving);
+  // Receives the packet reported by the last Wait() whole, if TakePacket has not; the packet
+  // stays valid until the next Wait(). Empty when it could not be read.
   std::string_view Packet();
+
+  // Direct reading (Linux; SupportsDirectReading() says): a thread that waits for a message
+  // receives its packets itself, which saves waking the driving thread to read them and
+  // then the waiting thread to take them. The owner arranges that one thread reads at a
+  // time: while a direct reader is at work, the driving thread's `mayRead` says no and
+  // WatchInput(false) keeps arrivals from waking it.
+  static bool SupportsDirectReading();
+  // Whether the driving thread's Wait wakes for arrived packets (true until told otherwise).
+  // Any thread, while the caller keeps Disconnect() from running.
+  void WatchInput(bool watch);
+  // The direct reader's wait: until a packet has arrived (announced to EReader::Direct), the
+  // endpoint failed or the peer left (a Probe failure, after what it sent), a packet past
+  // `maxPacket` came (a Read failure with kTooLargeCode), WakeReader() was called or
+  // `deadline` passed. One direct reader at a time, while the caller keeps Disconnect() from
+  // running.
+  TransportEvents WaitToRead(base::Deadline deadline, std::size_t maxPacket);
+  // Makes the direct reader's current or next wait return. Any thread; never fails.
+  void WakeReader() noexcept;
 
   // Cancels and waits out pending I/O and closes the endpoint, so that the peer learns the
   // channel is gone; the server end's socket and lock files (Linux) are removed, if Accept has

@@ -15,6 +15,7 @@
 // outlives the wait for the connection.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>  // flock
 #include <sys/socket.h>
@@ -231,8 +232,23 @@ ssize_t SendPieces(int fd, const PacketPieces& pieces) {
 
 }  // namespace
 
+// A packet announced to one reader: peeked (still in the socket) until TakePacket or Packet
+// receives it.
+struct Announcement {
+  char head[kPacketHeaderSize] = {};
+  std::size_t headLength = 0;
+  std::size_t packetLength = 0;
+  bool announced = false;
+
+  void Clear() {
+    headLength = 0;
+    packetLength = 0;
+  }
+};
+
 struct PipeTransport::Impl {
   UniqueFd wake;
+  UniqueFd readerWake;  // WakeReader()'s signal to the direct reader
   std::uint32_t wakeError = 0;
   UniqueFd listener;
   UniqueFd connection;
@@ -242,12 +258,18 @@ struct PipeTransport::Impl {
   dev_t socketDevice = 0;
   ino_t socketInode = 0;
 
-  // The packet reported by the last Wait: announced (peeked, still in the socket) until
-  // TakePacket or Packet receives it.
-  char head[kPacketHeaderSize] = {};
-  std::size_t headLength = 0;
-  std::size_t packetLength = 0;
-  bool announced = false;
+  // The driving thread sleeps in `poller`, which holds `wake` and the connection. What it
+  // wakes for on the connection changes from two threads (the driving one: room to write;
+  // a direct reader: input), so it is kept under `interestMutex`.
+  UniqueFd poller;
+  std::mutex interestMutex;
+  bool inputWatched = true;    // guarded by interestMutex
+  bool outputWatched = false;  // guarded by interestMutex: `sendPending`, as the driving thread
+                               // last told it
+  std::uint32_t interest = 0;  // guarded by interestMutex: what `poller` has for the connection
+
+  Announcement driving;      // what Wait() announced
+  Announcement direct;       // what WaitToRead() announced
   std::vector<char> packet;  // what Packet() received whole
   std::size_t packetRead = 0;
   std::size_t readSize = 0;  // the size expected of packets, from the last Wait
@@ -260,6 +282,8 @@ struct PipeTransport::Impl {
   bool sendPending = false;  // `pieces` wait for room in the socket
   bool sendDone = false;     // the packet went out; reported by the next Wait
   std::uint32_t sendError = 0;
+
+  Announcement& Of(EReader reader) { return reader == EReader::Direct ? direct : driving; }
 
   // Removes the server end's socket file and lock file, if it still has them.
   void RemoveFiles() {
@@ -280,9 +304,42 @@ struct PipeTransport::Impl {
     }
   }
 
-  void DrainWake() {
+  static void Drain(const UniqueFd& signal) {
     eventfd_t ignored = 0;
-    RetryOnEintr([&] { return ::eventfd_read(wake.Get(), &ignored); });
+    RetryOnEintr([&] { return ::eventfd_read(signal.Get(), &ignored); });
+  }
+  void DrainWake() { Drain(wake); }
+
+  // Makes the connection's poller, once connected: the wake-up signal and the connection.
+  std::uint32_t Connected(UniqueFd socket) {
+    UniqueFd made(::epoll_create1(EPOLL_CLOEXEC));
+    if (!made) return LastError();
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = wake.Get();
+    if (::epoll_ctl(made.Get(), EPOLL_CTL_ADD, wake.Get(), &event) != 0) return LastError();
+    const std::lock_guard<std::mutex> lock(interestMutex);
+    interest = WantedInterestLocked();
+    event.events = interest;
+    event.data.fd = socket.Get();
+    if (::epoll_ctl(made.Get(), EPOLL_CTL_ADD, socket.Get(), &event) != 0) return LastError();
+    poller = std::move(made);
+    connection = std::move(socket);
+    return 0;
+  }
+
+  std::uint32_t WantedInterestLocked() const {
+    return (inputWatched ? EPOLLIN : 0u) | (outputWatched ? EPOLLOUT : 0u);
+  }
+  // Brings the poller up to what is wanted; a failure shows as a wake-up too many or too few
+  // for input, which the owner's reading rules cover, and is not reported.
+  void UpdateInterestLocked() {
+    const std::uint32_t wanted = WantedInterestLocked();
+    if (wanted == interest || !poller) return;
+    epoll_event event{};
+    event.events = wanted;
+    event.data.fd = connection.Get();
+    if (::epoll_ctl(poller.Get(), EPOLL_CTL_MOD, connection.Get(), &event) == 0) interest = wanted;
   }
 
   ssize_t SendWhole() {
@@ -316,15 +373,16 @@ struct PipeTransport::Impl {
   }
 
   // Drops a packet that was announced and never received, so that the next one shows.
-  void DropAnnounced() {
-    if (!std::exchange(announced, false)) return;
+  void DropAnnounced(Announcement& what) {
+    if (!std::exchange(what.announced, false)) return;
     RetryOnEintr([&] { return ::recv(connection.Get(), nullptr, 0, MSG_DONTWAIT); });
   }
 
-  // Announces the next packet: its length and header, without taking it.
-  void PeekPacket(TransportEvents& events, std::size_t maxPacket) {
+  // Announces the next packet to `what`: its length and header, without taking it.
+  void PeekPacket(Announcement& what, TransportEvents& events, std::size_t maxPacket) {
     const ssize_t length = RetryOnEintr([&] {
-      return ::recv(connection.Get(), head, sizeof(head), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+      return ::recv(connection.Get(), what.head, sizeof(what.head),
+                    MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
     });
     if (length < 0) {
       const std::uint32_t error = LastError();
@@ -346,16 +404,17 @@ struct PipeTransport::Impl {
       events.code = kTooLargeCode;
       return;
     }
-    packetLength = size;
-    headLength = std::min(size, sizeof(head));
-    announced = true;
+    what.packetLength = size;
+    what.headLength = std::min(size, sizeof(what.head));
+    what.announced = true;
     events.received = true;
   }
 
-  // Receives the announced packet: `headLength` bytes into `head` again, then `parts`;
-  // what does not fit is dropped (a datagram socket truncates). Returns the bytes received.
-  std::uint32_t Receive(iovec* parts, std::size_t count, std::size_t& got) {
-    announced = false;
+  // Receives the packet announced to `what`: `headLength` bytes into its `head` again, then
+  // `parts`; what does not fit is dropped (a datagram socket truncates). Returns the bytes
+  // received.
+  std::uint32_t Receive(Announcement& what, iovec* parts, std::size_t count, std::size_t& got) {
+    what.announced = false;
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
@@ -370,6 +429,8 @@ struct PipeTransport::Impl {
 PipeTransport::PipeTransport() : m_impl(std::make_unique<Impl>()) {
   m_impl->wake.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!m_impl->wake) m_impl->wakeError = LastError();
+  m_impl->readerWake.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!m_impl->readerWake && m_impl->wakeError == 0) m_impl->wakeError = LastError();
 }
 
 PipeTransport::~PipeTransport() { Disconnect(); }
@@ -440,7 +501,10 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, base::Deadline de
           return EAcceptResult::Failed;
         }
       } else if (PeerIsAcceptable(client.Get(), expectedPid)) {
-        impl.connection = std::move(client);
+        if (const std::uint32_t failure = impl.Connected(std::move(client))) {
+          error = failure;
+          return EAcceptResult::Failed;
+        }
         // Nobody else gets in: later clients are refused at connect(). The name has served
         // its purpose; its files go now rather than when the connection ends.
         impl.listener.Reset();
@@ -471,8 +535,7 @@ std::uint32_t PipeTransport::Connect(std::wstring_view name) {
     return LastError();
   }
   if (!PeerIsAcceptable(socket.Get(), 0)) return EACCES;
-  impl.connection = std::move(socket);
-  return 0;
+  return impl.Connected(std::move(socket));
 }
 
 void PipeTransport::Send(std::string_view packet) {
@@ -502,12 +565,11 @@ bool PipeTransport::Sending() const {
 }
 
 TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSize,
-                                    std::size_t maxPacket) {
+                                    std::size_t maxPacket, const std::function<bool()>& mayRead) {
   Impl& impl = *m_impl;
   TransportEvents events;
-  impl.DropAnnounced();
-  impl.packetLength = 0;
-  impl.headLength = 0;
+  impl.DropAnnounced(impl.driving);
+  impl.driving.Clear();
   impl.packetRead = 0;
   impl.readSize = readSize;
   if (impl.sendError != 0) {
@@ -524,28 +586,44 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
   // else is ready now.
   const bool reportSent = std::exchange(impl.sendDone, false);
   events.sent = reportSent;
+  {
+    const std::lock_guard<std::mutex> lock(impl.interestMutex);
+    impl.outputWatched = impl.sendPending;
+    impl.UpdateInterestLocked();
+  }
 
-  pollfd fds[2] = {
-      {impl.connection.Get(), static_cast<short>(POLLIN | (impl.sendPending ? POLLOUT : 0)), 0},
-      {impl.wake.Get(), POLLIN, 0}};
+  epoll_event ready[2];
   // The time-out is computed inside the call, so an interrupted wait waits only for the rest.
-  const auto wait = [&] { return ::poll(fds, 2, reportSent ? 0 : base::PollTimeoutMs(deadline)); };
-  if (RetryOnEintr(wait) < 0) {
+  const int count = RetryOnEintr([&] {
+    return ::epoll_wait(impl.poller.Get(), ready, 2,
+                        reportSent ? 0 : base::PollTimeoutMs(deadline));
+  });
+  if (count < 0) {
     events.failure = ETransportFailure::Probe;
     events.code = LastError();
     return events;
   }
-  if (fds[1].revents & POLLIN) impl.DrainWake();
-  const short connection = fds[0].revents;
-  if (connection & POLLNVAL) {
-    events.failure = ETransportFailure::Probe;
-    events.code = EBADF;
-    return events;
+  std::uint32_t connection = 0;
+  for (int i = 0; i < count; ++i) {
+    if (ready[i].data.fd == impl.wake.Get()) {
+      impl.DrainWake();
+    } else {
+      connection = ready[i].events;
+    }
   }
   // Data is read before a hang-up is believed: what the peer sent before leaving counts.
-  if (connection & (POLLIN | POLLHUP | POLLERR)) impl.PeekPacket(events, maxPacket);
+  if (connection & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
+    if (!mayRead || mayRead()) {
+      impl.PeekPacket(impl.driving, events, maxPacket);
+    } else if (connection & (EPOLLHUP | EPOLLERR)) {
+      // The direct reader takes what is left and the end; a write now would only report
+      // the end less exactly.
+      events.deferred = true;
+      return events;
+    }
+  }
   // Of two failures the read's is kept, as it usually names the cause (the peer has gone).
-  if (impl.sendPending && (connection & (POLLOUT | POLLHUP | POLLERR))) {
+  if (impl.sendPending && (connection & (EPOLLOUT | EPOLLHUP | EPOLLERR))) {
     impl.TrySend();
     const std::uint32_t sendError = std::exchange(impl.sendError, 0);
     if (sendError != 0 && events.failure == ETransportFailure::None) {
@@ -557,39 +635,92 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
   return events;
 }
 
-std::size_t PipeTransport::PacketLength() const { return m_impl->packetLength; }
-
-std::string_view PipeTransport::PacketHead() const {
-  return std::string_view(m_impl->head, m_impl->headLength);
+std::size_t PipeTransport::PacketLength(EReader reader) const {
+  return reader == EReader::Direct ? m_impl->direct.packetLength : m_impl->driving.packetLength;
 }
 
-std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength) {
+std::string_view PipeTransport::PacketHead(EReader reader) const {
+  const Announcement& what = reader == EReader::Direct ? m_impl->direct : m_impl->driving;
+  return std::string_view(what.head, what.headLength);
+}
+
+std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength, EReader reader) {
   Impl& impl = *m_impl;
-  if (!impl.announced) return EINVAL;
+  Announcement& what = impl.Of(reader);
+  if (!what.announced) return EINVAL;
   // The header lands where it was peeked to; the payload in the caller's message.
-  iovec parts[2] = {{impl.head, impl.headLength}, {payload, payloadLength}};
+  iovec parts[2] = {{what.head, what.headLength}, {payload, payloadLength}};
   std::size_t got = 0;
-  if (const std::uint32_t error = impl.Receive(parts, payloadLength > 0 ? 2 : 1, got)) {
+  if (const std::uint32_t error = impl.Receive(what, parts, payloadLength > 0 ? 2 : 1, got)) {
     return error;
   }
-  return got == impl.headLength + payloadLength ? 0 : kInvalidDataCode;
+  return got == what.headLength + payloadLength ? 0 : kInvalidDataCode;
 }
 
 std::string_view PipeTransport::Packet() {
   Impl& impl = *m_impl;
-  if (impl.announced) {
-    const std::size_t size = std::max(impl.packetLength, impl.readSize);
+  if (impl.driving.announced) {
+    const std::size_t size = std::max(impl.driving.packetLength, impl.readSize);
     if (impl.packet.size() < size) impl.packet.resize(size);
-    iovec part = {impl.packet.data(), impl.packetLength};
+    iovec part = {impl.packet.data(), impl.driving.packetLength};
     std::size_t got = 0;
-    if (impl.Receive(&part, 1, got) == 0) impl.packetRead = got;
+    if (impl.Receive(impl.driving, &part, 1, got) == 0) impl.packetRead = got;
   }
   return std::string_view(impl.packet.data(), impl.packetRead);
 }
 
+bool PipeTransport::SupportsDirectReading() { return true; }
+
+void PipeTransport::WatchInput(bool watch) {
+  Impl& impl = *m_impl;
+  const std::lock_guard<std::mutex> lock(impl.interestMutex);
+  impl.inputWatched = watch;
+  impl.UpdateInterestLocked();
+}
+
+TransportEvents PipeTransport::WaitToRead(base::Deadline deadline, std::size_t maxPacket) {
+  Impl& impl = *m_impl;
+  TransportEvents events;
+  impl.DropAnnounced(impl.direct);
+  impl.direct.Clear();
+  if (!impl.connection) {
+    events.failure = ETransportFailure::Probe;
+    events.code = ENOTCONN;
+    return events;
+  }
+  pollfd fds[2] = {{impl.connection.Get(), POLLIN, 0}, {impl.readerWake.Get(), POLLIN, 0}};
+  if (RetryOnEintr([&] { return ::poll(fds, 2, base::PollTimeoutMs(deadline)); }) < 0) {
+    events.failure = ETransportFailure::Probe;
+    events.code = LastError();
+    return events;
+  }
+  if (fds[1].revents & POLLIN) Impl::Drain(impl.readerWake);
+  if (fds[0].revents & POLLNVAL) {
+    events.failure = ETransportFailure::Probe;
+    events.code = EBADF;
+  } else if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {
+    impl.PeekPacket(impl.direct, events, maxPacket);
+  }
+  return events;
+}
+
+void PipeTransport::WakeReader() noexcept {
+  if (m_impl->readerWake) {
+    RetryOnEintr([&] { return ::eventfd_write(m_impl->readerWake.Get(), 1); });
+  }
+}
+
 void PipeTransport::Disconnect() {
   Impl& impl = *m_impl;
-  impl.announced = false;
+  impl.driving.announced = false;
+  impl.direct.announced = false;
+  {
+    const std::lock_guard<std::mutex> lock(impl.interestMutex);
+    impl.poller.Reset();
+    impl.interest = 0;
+    impl.inputWatched = true;
+    impl.outputWatched = false;
+  }
   impl.connection.Reset();
   impl.listener.Reset();
   impl.sendPending = false;

@@ -389,8 +389,10 @@ bool PipeTransport::SendNow(const PacketPieces&) { return false; }
 
 bool PipeTransport::Sending() const { return m_impl->write.pending || m_impl->writeError != 0; }
 
+// The read in flight belongs to the driving thread, so there is no direct reader and
+// `mayRead` is never asked.
 TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSize,
-                                    std::size_t maxPacket) {
+                                    std::size_t maxPacket, const std::function<bool()>&) {
   Impl& impl = *m_impl;
   TransportEvents events;
   impl.packetLength = 0;
@@ -439,16 +441,16 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
   return events;
 }
 
-std::size_t PipeTransport::PacketLength() const { return m_impl->packetLength; }
+std::size_t PipeTransport::PacketLength(EReader) const { return m_impl->packetLength; }
 
-std::string_view PipeTransport::PacketHead() const {
+std::string_view PipeTransport::PacketHead(EReader) const {
   return std::string_view(m_impl->packet.data(),
                           std::min<std::size_t>(m_impl->packetLength, kPacketHeaderSize));
 }
 
 // A message-mode pipe hands over a packet only whole, into the buffer the read in flight
 // was given: the payload is copied from there.
-std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength) {
+std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength, EReader) {
   const Impl& impl = *m_impl;
   if (impl.packetLength < kPacketHeaderSize + payloadLength) return kInvalidDataCode;
   if (payloadLength > 0) {
@@ -460,6 +462,21 @@ std::uint32_t PipeTransport::TakePacket(char* payload, std::size_t payloadLength
 std::string_view PipeTransport::Packet() {
   return std::string_view(m_impl->packet.data(), m_impl->packetLength);
 }
+
+// One overlapped read is always in flight for the driving thread; a second reader could only
+// race it.
+bool PipeTransport::SupportsDirectReading() { return false; }
+
+void PipeTransport::WatchInput(bool) {}
+
+TransportEvents PipeTransport::WaitToRead(base::Deadline, std::size_t) {
+  TransportEvents events;
+  events.failure = ETransportFailure::Probe;
+  events.code = ERROR_NOT_SUPPORTED;
+  return events;
+}
+
+void PipeTransport::WakeReader() noexcept {}
 
 void PipeTransport::Disconnect() {
   Impl& impl = *m_impl;

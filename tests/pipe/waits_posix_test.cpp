@@ -1,7 +1,8 @@
 // Linux: a thread waiting on the channel sleeps until what it waits for comes. WaitForFailure
-// (the kit's watcher) is not woken by messages going in and out, and WaitForMessage is not
-// woken by messages being written; each such wake-up is a context switch on the path of every
-// exchange.
+// (the kit's watcher) is not woken by messages going in and out, WaitForMessage is not woken
+// by messages being written, and a caller waiting for its answer reads it from the pipe itself
+// rather than having the worker woken to read it; each such wake-up is a context switch on
+// the path of every exchange.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,10 +10,12 @@
 #include <string>
 #include <type_traits>  // std::invoke_result_t
 #include <utility>
+#include <vector>
 
 #include "pipe/NamedPipeChannel.h"
 #include "tests/pipe/PipeTestSupport.h"
 #include "tests/support/ThreadSwitches.h"
+#include "tests/support/WaitFor.h"
 
 namespace pendrel_test {
 namespace {
@@ -96,6 +99,58 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
   ASSERT_TRUE(client.WriteMessage("the answer"));
   ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
   EXPECT_EQ(reader.get(), "the answer");
+}
+
+TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
+  const std::vector<long> before = ThreadIds();
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  const std::vector<long> worker = ThreadsStartedSince(before);
+  ASSERT_EQ(worker.size(), 1u);
+  const long workerBefore = VoluntarySwitchesOf(worker);
+  for (int index = 0; index < kExchanges; ++index) {
+    long readerId = 0;
+    auto reader = StartAsleepIn(
+        [&server] {
+          std::string message;
+          const EWaitResult result = server.WaitForMessage(message, 10s);
+          return result == EWaitResult::Message ? message : std::string("no message");
+        },
+        readerId);
+    ASSERT_NE(readerId, 0) << index;
+    const std::string sent = "message " + std::to_string(index);
+    ASSERT_TRUE(client.WriteMessage(sent));
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready) << index;
+    ASSERT_EQ(reader.get(), sent);
+  }
+  EXPECT_LT(VoluntarySwitchesOf(worker) - workerBefore, kAllowedSwitches)
+      << "the worker woke to read the messages";
+  // A message that comes while nobody waits is read by the worker, as before.
+  ASSERT_TRUE(client.WriteMessage("unasked"));
+  ASSERT_TRUE(WaitFor([&server] { return server.HasMessage(); }, 10s));
+}
+
+// Close while a caller reads the pipe: the worker has the caller step back before the pipe
+// closes, so the caller sees no failure and waits on until interrupted.
+TEST(PipeChannelWaits, CloseWhileACallerReadsThePipe) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  long readerId = 0;
+  auto reader = StartAsleepIn(
+      [&server] {
+        std::string message;
+        return server.WaitForMessage(message, std::chrono::milliseconds::max());
+      },
+      readerId);
+  EXPECT_NE(readerId, 0) << "the reader did not go to sleep";
+  server.Close();
+  EXPECT_FALSE(server.HasError());
+  server.InterruptWaits();
+  ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(reader.get(), EWaitResult::Interrupted);
+  EXPECT_TRUE(client.WaitForFailure());
 }
 
 }  // namespace

@@ -125,6 +125,28 @@ TEST(PipeWire, ReassemblesMessageFromPackets) {
   EXPECT_TRUE(ReceivesMessage(server, message));
 }
 
+// A caller that gives up waiting halfway through a message leaves what it read to whoever
+// reads next (the worker or the next caller; on Windows always the worker): the message comes
+// whole, once, in order.
+TEST(PipeWire, AMessageBegunForOneWaitIsFinishedForTheNext) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  const std::string message = PatternBytes(2 * kRoom + 10, 6);
+  ASSERT_TRUE(client.Write(ForgedPacket(2, kRoom, message.substr(0, kRoom), kPacket)));
+  std::string taken;
+  ASSERT_EQ(server.WaitForMessage(taken, 50ms), EWaitResult::TimedOut);
+  ASSERT_TRUE(client.Write(ForgedPacket(1, kRoom, message.substr(kRoom, kRoom), kPacket)));
+  ASSERT_EQ(server.WaitForMessage(taken, 50ms), EWaitResult::TimedOut);
+  ASSERT_TRUE(client.Write(ForgedPacket(0, 10, message.substr(2 * kRoom), kPacket)));
+  ASSERT_TRUE(client.WriteMessage("next"));
+  ASSERT_EQ(server.WaitForMessage(taken, 10s), EWaitResult::Message);
+  EXPECT_TRUE(taken == message) << taken.size() << " bytes";
+  ASSERT_EQ(server.WaitForMessage(taken, 10s), EWaitResult::Message);
+  EXPECT_EQ(taken, "next");
+  EXPECT_FALSE(server.HasError());
+}
+
 TEST(PipeWire, ReportsSenderThatStopsMidMessageWithPacketsStillExpected) {
   NamedPipeChannel server;
   server.SetTimeLimitMs(300);

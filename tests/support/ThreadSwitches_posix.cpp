@@ -4,11 +4,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>  // std::remove, std::set_difference, std::sort
 #include <chrono>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace pendrel_test {
 namespace {
@@ -31,20 +33,39 @@ long VoluntarySwitches(long tid) {
   return -1;
 }
 
-long VoluntarySwitchesOfOtherThreads() {
-  const long self = CurrentThreadId();
-  long sum = 0;
+std::vector<long> ThreadIds() {
+  std::vector<long> ids;
   DIR* tasks = ::opendir("/proc/self/task");
-  if (tasks == nullptr) return -1;
+  if (tasks == nullptr) return ids;
   while (const dirent* entry = ::readdir(tasks)) {
-    if (entry->d_name[0] == '.') continue;
-    const long tid = std::stol(entry->d_name);
-    if (tid == self) continue;
+    if (entry->d_name[0] != '.') ids.push_back(std::stol(entry->d_name));
+  }
+  ::closedir(tasks);
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+std::vector<long> ThreadsStartedSince(const std::vector<long>& before) {
+  const std::vector<long> now = ThreadIds();
+  std::vector<long> started;
+  std::set_difference(now.begin(), now.end(), before.begin(), before.end(),
+                      std::back_inserter(started));
+  return started;
+}
+
+long VoluntarySwitchesOf(const std::vector<long>& tids) {
+  long sum = 0;
+  for (const long tid : tids) {
     const long switches = VoluntarySwitches(tid);
     if (switches > 0) sum += switches;
   }
-  ::closedir(tasks);
   return sum;
+}
+
+long VoluntarySwitchesOfOtherThreads() {
+  std::vector<long> others = ThreadIds();
+  others.erase(std::remove(others.begin(), others.end(), CurrentThreadId()), others.end());
+  return VoluntarySwitchesOf(others);
 }
 
 bool WaitUntilAsleep(long tid) {
