@@ -76,6 +76,11 @@ struct ExitRecord {
 
   CHandlerExit Wait(std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex);
+    // A look without waiting (the pool asks at every lease) makes no timed wait, which costs a
+    // system call even when its time is up already.
+    if (timeout <= std::chrono::milliseconds::zero()) {
+      return ended ? end : CHandlerExit{EHandlerEnd::Running, 0};
+    }
     if (!changed.wait_for(lock, timeout, [this] { return ended; })) {
       return {EHandlerEnd::Running, 0};
     }
