@@ -156,8 +156,9 @@ struct NamedPipeChannel::Impl {
   // worker uses the transport without the lock, other threads only call Wake() under it.
   std::unique_ptr<detail::PipeTransport> transport;
   // The message being put together, with the time its last packet came: used only by the
-  // one thread that reads (the worker while `workerReading`, a caller while `directReader`),
-  // so that a message begun by one is finished by the other.
+  // one thread that reads (the worker while `workerReading`, a caller while `directReader`,
+  // anybody under `mutex` while neither), so that a message whose first packet a caller read
+  // is finished by the worker.
   struct Inbound {
     MessageAssembler assembler;
     Clock::time_point lastPacket{};
@@ -491,7 +492,7 @@ void NamedPipeChannel::Impl::Exchange() {
   for (;;) {
     const milliseconds limit(timeLimitMs.load());
     // A gap of more than `limit` between two packets of one message fails, so the wait runs
-    // just past it (a caller that reads watches that gap itself).
+    // just past it.
     Deadline deadline = Deadline::max();
     {
       const std::lock_guard<std::mutex> lock(mutex);
@@ -545,21 +546,24 @@ void NamedPipeChannel::Impl::Exchange() {
   }
 }
 
-// Whether a caller of WaitForMessage may read the pipe itself: the worker is connected and
-// not reading a packet, and no other caller reads. Called under `mutex`.
+// Whether a caller of WaitForMessage may read the pipe itself: the worker is connected, not
+// reading a packet and not in the middle of a message, and no other caller reads. Called
+// under `mutex`.
 bool NamedPipeChannel::Impl::CanReadDirectlyLocked() const {
   return transport && detail::PipeTransport::SupportsDirectReading() &&
          (state == EChannelState::Connected || state == EChannelState::Draining) &&
-         !readersBarred && !directReader && !workerReading;
+         !readersBarred && !directReader && !workerReading && !inbound.assembler.InMessage();
 }
 
 // A caller waiting for a message reads the pipe itself rather than sleeping until the worker
 // has read the message and handed it over: one thread fewer woken on the way of every
 // message. Meanwhile the worker neither reads nor wakes for input; it still writes. Reads
-// until a message is complete (true, the message in `message`), the failure is set (also by
-// this reader), waits are interrupted, the worker is about to disconnect, or `deadline`
-// passes; then input is the worker's again, so that what arrives unasked later is still
-// bounded. A message being put together when this reader leaves is finished by the worker.
+// until a message of one packet is complete (true, the message in `message`), a message of
+// several packets has begun, the failure is set (also by this reader), waits are interrupted,
+// the worker is about to disconnect, or `deadline` passes; then input is the worker's again,
+// so that what arrives unasked later is still bounded. The worker puts together a message of
+// several packets: its buffer grows on the worker's thread, as for every large message,
+// while the caller waits for it as when it does not read.
 // Called and returns under `mutex` (held by `lock`), with CanReadDirectlyLocked() true.
 bool NamedPipeChannel::Impl::ReadDirectly(std::unique_lock<std::mutex>& lock, std::string& message,
                                           Deadline deadline) {
@@ -568,23 +572,14 @@ bool NamedPipeChannel::Impl::ReadDirectly(std::unique_lock<std::mutex>& lock, st
   pipe.WatchInput(false);
   bool got = false;
   for (;;) {
-    const milliseconds limit(timeLimitMs.load());
-    Deadline wait = deadline;
-    if (inbound.assembler.InMessage()) {
-      wait = std::min(wait, inbound.lastPacket + limit + milliseconds(1));
-    }
     const PacketBounds bounds = Bounds();
     lock.unlock();
-    const detail::TransportEvents events = pipe.WaitToRead(wait, bounds.largest);
+    const detail::TransportEvents events = pipe.WaitToRead(deadline, bounds.largest);
     CChannelFailure problem;
     std::string completed;
     bool complete = false;
     if (events.received) problem = Receive(pipe, detail::EReader::Direct, completed, complete);
     if (problem.Failure == EChannelFailure::None) problem = ReadFailureOf(events, bounds);
-    if (problem.Failure == EChannelFailure::None && inbound.assembler.InMessage() &&
-        Clock::now() - inbound.lastPacket > limit) {
-      problem = {EChannelFailure::PacketTimedOut, inbound.assembler.Remaining()};
-    }
     lock.lock();
     if (problem.Failure != EChannelFailure::None) {
       // The worker ends on the failure like on its own.
@@ -597,6 +592,11 @@ bool NamedPipeChannel::Impl::ReadDirectly(std::unique_lock<std::mutex>& lock, st
       answerDue = false;
       message = std::move(completed);
       got = true;
+      break;
+    }
+    if (inbound.assembler.InMessage()) {
+      // The worker watches the gap before the next packet from now on.
+      WakeWorkerLocked();
       break;
     }
     if (interrupted || readersBarred || failure.Failure != EChannelFailure::None ||

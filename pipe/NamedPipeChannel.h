@@ -12,10 +12,10 @@
 // while the worker has nothing to write is written by the posting thread itself (Linux), under
 // the channel's lock, which saves the hand-over to the worker on the path of every small
 // request and answer. Likewise a caller of WaitForMessage that finds nothing received reads
-// the pipe itself (Linux) while it waits, one caller at a time, so that the answer an exchange
-// waits for reaches the waiting thread without the worker being woken to read it; the worker
-// then neither reads nor wakes for input, and takes reading back as soon as nobody waits. A
-// message one of them began is finished by the other.
+// the pipe itself (Linux) while it waits, one caller at a time, so that an answer of one
+// packet reaches the waiting thread without the worker being woken to read it; the worker
+// then neither reads nor wakes for input, and takes reading back as soon as nobody waits or
+// a message of several packets begins, which the worker puts together.
 //
 // Received messages wait in the receive queue until somebody takes them. On a server end
 // (the library's, facing a handler program it does not trust) a message is asked for when it

@@ -125,9 +125,9 @@ TEST(PipeWire, ReassemblesMessageFromPackets) {
   EXPECT_TRUE(ReceivesMessage(server, message));
 }
 
-// A caller that gives up waiting halfway through a message leaves what it read to whoever
-// reads next (the worker or the next caller; on Windows always the worker): the message comes
-// whole, once, in order.
+// A message of several packets is put together by the worker, also when a waiting caller read
+// its first packet (Linux) and gave up waiting before the rest came: it comes whole, once, in
+// order, and the caller after it reads the next message again.
 TEST(PipeWire, AMessageBegunForOneWaitIsFinishedForTheNext) {
   NamedPipeChannel server;
   RawClient client;
