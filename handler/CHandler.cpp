@@ -205,14 +205,13 @@ EErrorCode CHandler::DoRequest(std::string&& json, Pendrel::CResponse& response)
   const int mode = state.modeValue;
   std::string logged;
   if (mode >= 1 && mode <= 3) logged = json;
-  channel.Post(std::move(json));
 
   // The limit is ResponseTimeoutS × 1000 as a signed 32-bit product (wrapping like the
   // 32-bit multiplication): a negative one times out at once.
   const std::int32_t limitMs =
       static_cast<std::int32_t>(static_cast<std::uint32_t>(ResponseTimeoutS) * 1000u);
   std::string answer;
-  switch (channel.WaitForMessage(answer, milliseconds(limitMs > 0 ? limitMs : 0))) {
+  switch (channel.Ask(std::move(json), answer, milliseconds(limitMs > 0 ? limitMs : 0))) {
     case Pendrel::EWaitResult::Message:
       break;
     case Pendrel::EWaitResult::Error: {

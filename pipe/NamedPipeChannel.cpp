@@ -186,7 +186,11 @@ struct NamedPipeChannel::Impl {
   bool SendNowLocked(const std::string& message);
   // Callers.
   bool CanReadDirectlyLocked() const;
+  void ClaimReadingLocked();
   bool ReadDirectly(std::unique_lock<std::mutex>& lock, std::string& message, Deadline deadline);
+  void PostLocked(std::string message);
+  EWaitResult WaitLocked(std::unique_lock<std::mutex>& lock, std::string& message,
+                         Deadline deadline, bool claimed);
   void TakeNextMessage(PacketWriter& writer);
   void ReportFlush();
   CChannelFailure DeliverLocked(std::string message);
@@ -555,6 +559,55 @@ bool NamedPipeChannel::Impl::CanReadDirectlyLocked() const {
          !readersBarred && !directReader && !workerReading && !inbound.assembler.InMessage();
 }
 
+// Makes the calling thread the one that reads, and stops the worker waking for input. Called
+// under `mutex`, with CanReadDirectlyLocked() true.
+void NamedPipeChannel::Impl::ClaimReadingLocked() {
+  directReader = true;
+  transport->WatchInput(false);
+}
+
+// Sends `message` after everything posted before: from the calling thread when it can
+// (SendNowLocked), else through the worker. Called under `mutex`.
+void NamedPipeChannel::Impl::PostLocked(std::string message) {
+  answerDue = true;
+  if (SendNowLocked(message)) return;
+  sendQueue.push_back(std::move(message));
+  WakeWorkerLocked();
+}
+
+// WaitForMessage's wait, counted in `waiting`; `claimed` when the caller already reads (Ask).
+// Called and returns under `mutex` (held by `lock`).
+EWaitResult NamedPipeChannel::Impl::WaitLocked(std::unique_lock<std::mutex>& lock,
+                                               std::string& message, Deadline deadline,
+                                               bool claimed) {
+  // Counted while it waits, so that what arrives meanwhile is claimed, not unasked.
+  ++waiting;
+  struct Leave {
+    std::size_t& waiting;
+    ~Leave() { --waiting; }
+  } leave{waiting};
+  if (claimed && ReadDirectly(lock, message, deadline)) return EWaitResult::Message;
+  for (;;) {
+    if (interrupted) return EWaitResult::Interrupted;
+    if (!receiveQueue.empty()) {
+      TakeFrontLocked(message);
+      return EWaitResult::Message;
+    }
+    if (failure.Failure != EChannelFailure::None) return EWaitResult::Error;
+    if (deadline != Deadline::max() && Clock::now() >= deadline) return EWaitResult::TimedOut;
+    if (CanReadDirectlyLocked()) {
+      ClaimReadingLocked();
+      if (ReadDirectly(lock, message, deadline)) return EWaitResult::Message;
+      continue;
+    }
+    if (deadline == Deadline::max()) {
+      arrived.wait(lock);
+    } else {
+      arrived.wait_until(lock, deadline);
+    }
+  }
+}
+
 // A caller waiting for a message reads the pipe itself rather than sleeping until the worker
 // has read the message and handed it over: one thread fewer woken on the way of every
 // message. Meanwhile the worker neither reads nor wakes for input; it still writes. Reads
@@ -564,12 +617,10 @@ bool NamedPipeChannel::Impl::CanReadDirectlyLocked() const {
 // so that what arrives unasked later is still bounded. The worker puts together a message of
 // several packets: its buffer grows on the worker's thread, as for every large message,
 // while the caller waits for it as when it does not read.
-// Called and returns under `mutex` (held by `lock`), with CanReadDirectlyLocked() true.
+// Called and returns under `mutex` (held by `lock`), after ClaimReadingLocked().
 bool NamedPipeChannel::Impl::ReadDirectly(std::unique_lock<std::mutex>& lock, std::string& message,
                                           Deadline deadline) {
   detail::PipeTransport& pipe = *transport;
-  directReader = true;
-  pipe.WatchInput(false);
   bool got = false;
   for (;;) {
     const PacketBounds bounds = Bounds();
@@ -729,11 +780,23 @@ void NamedPipeChannel::Close() {
 bool NamedPipeChannel::Post(std::string message) {
   Impl& impl = *m_impl;
   const std::lock_guard<std::mutex> lock(impl.mutex);
-  impl.answerDue = true;
-  if (impl.SendNowLocked(message)) return true;
-  impl.sendQueue.push_back(std::move(message));
-  impl.WakeWorkerLocked();
+  impl.PostLocked(std::move(message));
   return true;
+}
+
+EWaitResult NamedPipeChannel::Ask(std::string message, std::string& answer, milliseconds timeout) {
+  Impl& impl = *m_impl;
+  const Deadline deadline =
+      timeout == milliseconds::max() ? Deadline::max() : Clock::now() + timeout;
+  std::unique_lock<std::mutex> lock(impl.mutex);
+  // The reading is taken before the question goes out, so that an answer that comes at once
+  // does not wake the worker.
+  const bool claimed = impl.receiveQueue.empty() && !impl.interrupted &&
+                       impl.failure.Failure == EChannelFailure::None &&
+                       impl.CanReadDirectlyLocked();
+  if (claimed) impl.ClaimReadingLocked();
+  impl.PostLocked(std::move(message));
+  return impl.WaitLocked(lock, answer, deadline, claimed);
 }
 
 bool NamedPipeChannel::HasMessage() const {
@@ -761,33 +824,10 @@ bool NamedPipeChannel::WaitUntilNothingReceived(milliseconds timeout) {
 
 EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds timeout) {
   Impl& impl = *m_impl;
-  const bool unlimited = timeout == milliseconds::max();
-  const Deadline deadline = unlimited ? Deadline::max() : Clock::now() + timeout;
+  const Deadline deadline =
+      timeout == milliseconds::max() ? Deadline::max() : Clock::now() + timeout;
   std::unique_lock<std::mutex> lock(impl.mutex);
-  // Counted while it waits, so that what arrives meanwhile is claimed, not unasked.
-  ++impl.waiting;
-  struct Leave {
-    std::size_t& waiting;
-    ~Leave() { --waiting; }
-  } leave{impl.waiting};
-  for (;;) {
-    if (impl.interrupted) return EWaitResult::Interrupted;
-    if (!impl.receiveQueue.empty()) {
-      impl.TakeFrontLocked(message);
-      return EWaitResult::Message;
-    }
-    if (impl.failure.Failure != EChannelFailure::None) return EWaitResult::Error;
-    if (!unlimited && Clock::now() >= deadline) return EWaitResult::TimedOut;
-    if (impl.CanReadDirectlyLocked()) {
-      if (impl.ReadDirectly(lock, message, deadline)) return EWaitResult::Message;
-      continue;
-    }
-    if (unlimited) {
-      impl.arrived.wait(lock);
-    } else {
-      impl.arrived.wait_until(lock, deadline);
-    }
-  }
+  return impl.WaitLocked(lock, message, deadline, false);
 }
 
 bool NamedPipeChannel::WaitForFailure() {

@@ -144,6 +144,11 @@ class NamedPipeChannel {
   // `message`), the failure is set, or `timeout` passes, and says which came first in that
   // order of checks. A `timeout` of milliseconds::max() waits without limit.
   EWaitResult WaitForMessage(std::string& message, std::chrono::milliseconds timeout);
+  // Post(message), then WaitForMessage(answer, timeout): the exchange of a question and its
+  // answer. A caller that will read the answer itself (see the top of this file) takes the
+  // reading before the question goes out, so that an answer that comes at once is read by the
+  // waiting thread too.
+  EWaitResult Ask(std::string message, std::string& answer, std::chrono::milliseconds timeout);
   // Blocks until the failure is set or InterruptWaits has been called, without taking any
   // message; returns whether the failure is set.
   bool WaitForFailure();

@@ -26,6 +26,29 @@ using namespace std::chrono_literals;
 
 std::string Narrow(const std::wstring& ascii) { return std::string(ascii.begin(), ascii.end()); }
 
+// Ask: each question gets its own answer, of every size, one packet or many.
+TEST(PipeProcesses, AskGetsTheAnswerToEachQuestion) {
+  const std::wstring name = UniquePipeName();
+  ChildProcess child({"--pipe-child", "echo", Narrow(name)});
+  ASSERT_TRUE(child.Started());
+  NamedPipeChannel server;
+  server.SetExpectedPeerProcessId(child.ProcessId());
+  ASSERT_TRUE(server.Open(name)) << Pendrel::Utf16ToUtf8(server.ErrorText());
+  unsigned seed = 0;
+  for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{32760}, std::size_t{32761},
+                           std::size_t{100000}, std::size_t{1} << 20, std::size_t{12}}) {
+    const std::string question = PatternBytes(size, ++seed);
+    std::string answer;
+    ASSERT_EQ(server.Ask(question, answer, 60s), EWaitResult::Message) << size;
+    EXPECT_TRUE(answer == question) << size;
+  }
+  std::string answer;
+  EXPECT_EQ(server.Ask("no time", answer, 0ms), EWaitResult::TimedOut);
+  EXPECT_FALSE(server.HasError());
+  server.Close();
+  EXPECT_EQ(child.Wait(20s), 0);
+}
+
 TEST(PipeProcesses, EchoesMessagesOfEverySizeInOrderBothWays) {
   const std::wstring name = UniquePipeName();
   ChildProcess child({"--pipe-child", "echo", Narrow(name)});

@@ -131,6 +131,31 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
   ASSERT_TRUE(WaitFor([&server] { return server.HasMessage(); }, 10s));
 }
 
+// Ask takes the reading before the question goes out: however soon the answer comes, the
+// asking thread reads it and the worker sleeps.
+TEST(PipeChannelWaits, AskReadsAnAnswerThatComesAtOnceWithoutWakingTheWorker) {
+  const std::wstring name = UniquePipeName();
+  ChildProcess child({"--pipe-child", "echo", std::string(name.begin(), name.end())});
+  ASSERT_TRUE(child.Started());
+  const std::vector<long> before = ThreadIds();
+  NamedPipeChannel server;
+  server.SetExpectedPeerProcessId(child.ProcessId());
+  ASSERT_TRUE(server.Open(name));
+  const std::vector<long> worker = ThreadsStartedSince(before);
+  ASSERT_EQ(worker.size(), 1u);
+  const long workerBefore = VoluntarySwitchesOf(worker);
+  for (int index = 0; index < kExchanges; ++index) {
+    const std::string question = "question " + std::to_string(index);
+    std::string answer;
+    ASSERT_EQ(server.Ask(question, answer, 10s), EWaitResult::Message) << index;
+    ASSERT_EQ(answer, question);
+  }
+  EXPECT_LT(VoluntarySwitchesOf(worker) - workerBefore, kAllowedSwitches)
+      << "the worker woke to read the answers";
+  server.Close();
+  EXPECT_EQ(child.Wait(20s), 0);
+}
+
 // Close while a caller reads the pipe: the worker has the caller step back before the pipe
 // closes, so the caller sees no failure and waits on until interrupted.
 TEST(PipeChannelWaits, CloseWhileACallerReadsThePipe) {
