@@ -7,6 +7,7 @@
 #include <thread>
 #include <utility>  // std::move
 
+#include "json/TextConversion.h"
 #include "pipe/detail/PacketFraming.h"
 
 namespace pendrel_test {
@@ -104,6 +105,15 @@ std::vector<std::wstring> ChildArguments(const std::vector<std::string>& argumen
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments)
     : TestProcess(ChildArguments(arguments)) {}
+
+EchoChild::EchoChild(const std::wstring& name)
+    : ChildProcess({"--pipe-child", "echo", Pendrel::Utf16ToUtf8(name)}), m_name(name) {}
+
+bool EchoChild::Open(Pendrel::NamedPipeChannel& server) {
+  if (!Started()) return false;
+  server.SetExpectedPeerProcessId(ProcessId());
+  return server.Open(m_name);
+}
 
 // ---- Child mode ----
 

@@ -75,6 +75,17 @@ class ChildProcess : public TestProcess {
   explicit ChildProcess(const std::vector<std::string>& arguments);
 };
 
+// A copy of this test program that echoes on the pipe `name` (child mode echo).
+class EchoChild : public ChildProcess {
+ public:
+  explicit EchoChild(const std::wstring& name);
+  // Opens `server` on the pipe for this child alone; true once the child is connected.
+  bool Open(Pendrel::NamedPipeChannel& server);
+
+ private:
+  std::wstring m_name;
+};
+
 // Child mode, entered by main when the first argument is "--pipe-child":
 //   echo <pipe name> [<gate file>]: waits for the gate file if one is named, opens the
 //   client end of the pipe and sends every message back until the server end goes. Exit

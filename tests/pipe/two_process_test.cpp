@@ -19,6 +19,7 @@ namespace {
 using Pendrel::EWaitResult;
 using Pendrel::NamedPipeChannel;
 using pendrel_test::ChildProcess;
+using pendrel_test::EchoChild;
 using pendrel_test::PatternBytes;
 using pendrel_test::RawClient;
 using pendrel_test::UniquePipeName;
@@ -28,12 +29,9 @@ std::string Narrow(const std::wstring& ascii) { return std::string(ascii.begin()
 
 // Ask: each question gets its own answer, of every size, one packet or many.
 TEST(PipeProcesses, AskGetsTheAnswerToEachQuestion) {
-  const std::wstring name = UniquePipeName();
-  ChildProcess child({"--pipe-child", "echo", Narrow(name)});
-  ASSERT_TRUE(child.Started());
+  EchoChild child(UniquePipeName());
   NamedPipeChannel server;
-  server.SetExpectedPeerProcessId(child.ProcessId());
-  ASSERT_TRUE(server.Open(name)) << Pendrel::Utf16ToUtf8(server.ErrorText());
+  ASSERT_TRUE(child.Open(server)) << Pendrel::Utf16ToUtf8(server.ErrorText());
   unsigned seed = 0;
   for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{32760}, std::size_t{32761},
                            std::size_t{100000}, std::size_t{1} << 20, std::size_t{12}}) {
@@ -50,15 +48,12 @@ TEST(PipeProcesses, AskGetsTheAnswerToEachQuestion) {
 }
 
 TEST(PipeProcesses, EchoesMessagesOfEverySizeInOrderBothWays) {
-  const std::wstring name = UniquePipeName();
-  ChildProcess child({"--pipe-child", "echo", Narrow(name)});
-  ASSERT_TRUE(child.Started());
+  EchoChild child(UniquePipeName());
   NamedPipeChannel server;
-  server.SetExpectedPeerProcessId(child.ProcessId());
   // Echoes come before they are waited for: the server end keeps them all.
   server.SetMaxQueuedMessages(100);
   server.SetMaxQueuedBytes(std::uint64_t{1} << 30);
-  ASSERT_TRUE(server.Open(name)) << Pendrel::Utf16ToUtf8(server.ErrorText());
+  ASSERT_TRUE(child.Open(server)) << Pendrel::Utf16ToUtf8(server.ErrorText());
 
   std::vector<std::string> messages;
   unsigned seed = 0;

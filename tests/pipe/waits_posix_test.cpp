@@ -42,6 +42,25 @@ std::future<std::invoke_result_t<Wait>> StartAsleepIn(Wait wait, long& tid) {
   return result;
 }
 
+// What a WaitForMessage on a thread of its own found.
+struct Waited {
+  EWaitResult result = EWaitResult::TimedOut;
+  std::string message;
+};
+
+// Starts a thread that waits for one message on `server` for up to `timeout` and returns once
+// it sleeps (`tid` as for StartAsleepIn).
+std::future<Waited> StartWaitingForMessage(NamedPipeChannel& server,
+                                           std::chrono::milliseconds timeout, long& tid) {
+  return StartAsleepIn(
+      [&server, timeout] {
+        Waited waited;
+        waited.result = server.WaitForMessage(waited.message, timeout);
+        return waited;
+      },
+      tid);
+}
+
 TEST(PipeChannelWaits, WaitForFailureSleepsWhileMessagesComeAndGo) {
   NamedPipeChannel server;
   RawClient client;
@@ -73,13 +92,7 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   long readerId = 0;
-  auto reader = StartAsleepIn(
-      [&server] {
-        std::string message;
-        const EWaitResult result = server.WaitForMessage(message, std::chrono::milliseconds::max());
-        return result == EWaitResult::Message ? message : std::string("no message");
-      },
-      readerId);
+  auto reader = StartWaitingForMessage(server, std::chrono::milliseconds::max(), readerId);
   if (readerId == 0) {
     server.InterruptWaits();
     FAIL() << "the reader did not go to sleep";
@@ -98,7 +111,7 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
   EXPECT_LT(after - before, kAllowedSwitches) << "the reader woke for written messages";
   ASSERT_TRUE(client.WriteMessage("the answer"));
   ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(reader.get(), "the answer");
+  EXPECT_EQ(reader.get().message, "the answer");
 }
 
 TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
@@ -111,18 +124,12 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
   const long workerBefore = VoluntarySwitchesOf(worker);
   for (int index = 0; index < kExchanges; ++index) {
     long readerId = 0;
-    auto reader = StartAsleepIn(
-        [&server] {
-          std::string message;
-          const EWaitResult result = server.WaitForMessage(message, 10s);
-          return result == EWaitResult::Message ? message : std::string("no message");
-        },
-        readerId);
+    auto reader = StartWaitingForMessage(server, 10s, readerId);
     ASSERT_NE(readerId, 0) << index;
     const std::string sent = "message " + std::to_string(index);
     ASSERT_TRUE(client.WriteMessage(sent));
     ASSERT_EQ(reader.wait_for(10s), std::future_status::ready) << index;
-    ASSERT_EQ(reader.get(), sent);
+    ASSERT_EQ(reader.get().message, sent);
   }
   EXPECT_LT(VoluntarySwitchesOf(worker) - workerBefore, kAllowedSwitches)
       << "the worker woke to read the messages";
@@ -134,13 +141,10 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
 // Ask takes the reading before the question goes out: however soon the answer comes, the
 // asking thread reads it and the worker sleeps.
 TEST(PipeChannelWaits, AskReadsAnAnswerThatComesAtOnceWithoutWakingTheWorker) {
-  const std::wstring name = UniquePipeName();
-  ChildProcess child({"--pipe-child", "echo", std::string(name.begin(), name.end())});
-  ASSERT_TRUE(child.Started());
+  EchoChild child(UniquePipeName());
   const std::vector<long> before = ThreadIds();
   NamedPipeChannel server;
-  server.SetExpectedPeerProcessId(child.ProcessId());
-  ASSERT_TRUE(server.Open(name));
+  ASSERT_TRUE(child.Open(server));
   const std::vector<long> worker = ThreadsStartedSince(before);
   ASSERT_EQ(worker.size(), 1u);
   const long workerBefore = VoluntarySwitchesOf(worker);
@@ -163,18 +167,13 @@ TEST(PipeChannelWaits, CloseWhileACallerReadsThePipe) {
   RawClient client;
   ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
   long readerId = 0;
-  auto reader = StartAsleepIn(
-      [&server] {
-        std::string message;
-        return server.WaitForMessage(message, std::chrono::milliseconds::max());
-      },
-      readerId);
+  auto reader = StartWaitingForMessage(server, std::chrono::milliseconds::max(), readerId);
   EXPECT_NE(readerId, 0) << "the reader did not go to sleep";
   server.Close();
   EXPECT_FALSE(server.HasError());
   server.InterruptWaits();
   ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(reader.get(), EWaitResult::Interrupted);
+  EXPECT_EQ(reader.get().result, EWaitResult::Interrupted);
   EXPECT_TRUE(client.WaitForFailure());
 }
 
