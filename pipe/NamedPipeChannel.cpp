@@ -80,6 +80,11 @@ EChannelFailure FailureOfTransfer(ETransportFailure failure) {
 
 static_assert(NamedPipeChannel::kHeaderSize == detail::kPacketHeaderSize);
 
+// When a wait of `timeout` ends; milliseconds::max() waits without limit.
+Deadline WaitDeadline(milliseconds timeout) {
+  return timeout == milliseconds::max() ? base::kNever : Clock::now() + timeout;
+}
+
 // P: packets are never smaller than 128 bytes, whatever the field says.
 std::uint32_t WirePacketSize(std::uint32_t packetSize) {
   return std::max(packetSize, NamedPipeChannel::kMinPacketSize);
@@ -484,14 +489,12 @@ void NamedPipeChannel::Impl::WaitForDirectReader() {
 void NamedPipeChannel::Impl::Exchange() {
   detail::PipeTransport& pipe = *transport;
   Transfer transfer;
-  bool reading = false;
   // Asked by the transport before it reads: the worker takes a packet only while no caller
   // reads, and holds off callers until it has handled the packet.
-  const std::function<bool()> mayRead = [this, &reading] {
+  const std::function<bool()> mayRead = [this] {
     const std::lock_guard<std::mutex> lock(mutex);
-    reading = !directReader && state != EChannelState::Failed;
-    if (reading) workerReading = true;
-    return reading;
+    workerReading = !directReader && state != EChannelState::Failed;
+    return workerReading;
   };
   for (;;) {
     const milliseconds limit(timeLimitMs.load());
@@ -508,7 +511,6 @@ void NamedPipeChannel::Impl::Exchange() {
     SendNext(pipe, transfer, limit);
     if (pipe.Sending()) deadline = std::min(deadline, transfer.packetDeadline);
     const PacketBounds bounds = Bounds();
-    reading = false;
     const detail::TransportEvents events =
         pipe.Wait(deadline, bounds.wire, bounds.largest, mayRead);
     if (events.deferred) {
@@ -594,13 +596,13 @@ EWaitResult NamedPipeChannel::Impl::WaitLocked(std::unique_lock<std::mutex>& loc
       return EWaitResult::Message;
     }
     if (failure.Failure != EChannelFailure::None) return EWaitResult::Error;
-    if (deadline != Deadline::max() && Clock::now() >= deadline) return EWaitResult::TimedOut;
+    if (base::Passed(deadline)) return EWaitResult::TimedOut;
     if (CanReadDirectlyLocked()) {
       ClaimReadingLocked();
       if (ReadDirectly(lock, message, deadline)) return EWaitResult::Message;
       continue;
     }
-    if (deadline == Deadline::max()) {
+    if (deadline == base::kNever) {
       arrived.wait(lock);
     } else {
       arrived.wait_until(lock, deadline);
@@ -786,8 +788,7 @@ bool NamedPipeChannel::Post(std::string message) {
 
 EWaitResult NamedPipeChannel::Ask(std::string message, std::string& answer, milliseconds timeout) {
   Impl& impl = *m_impl;
-  const Deadline deadline =
-      timeout == milliseconds::max() ? Deadline::max() : Clock::now() + timeout;
+  const Deadline deadline = WaitDeadline(timeout);
   std::unique_lock<std::mutex> lock(impl.mutex);
   // The reading is taken before the question goes out, so that an answer that comes at once
   // does not wake the worker.
@@ -824,8 +825,7 @@ bool NamedPipeChannel::WaitUntilNothingReceived(milliseconds timeout) {
 
 EWaitResult NamedPipeChannel::WaitForMessage(std::string& message, milliseconds timeout) {
   Impl& impl = *m_impl;
-  const Deadline deadline =
-      timeout == milliseconds::max() ? Deadline::max() : Clock::now() + timeout;
+  const Deadline deadline = WaitDeadline(timeout);
   std::unique_lock<std::mutex> lock(impl.mutex);
   return impl.WaitLocked(lock, message, deadline, false);
 }

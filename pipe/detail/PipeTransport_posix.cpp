@@ -308,7 +308,6 @@ struct PipeTransport::Impl {
     eventfd_t ignored = 0;
     RetryOnEintr([&] { return ::eventfd_read(signal.Get(), &ignored); });
   }
-  void DrainWake() { Drain(wake); }
 
   // Makes the connection's poller, once connected: the wake-up signal and the connection.
   std::uint32_t Connected(UniqueFd socket) {
@@ -482,7 +481,7 @@ EAcceptResult PipeTransport::Accept(std::uint32_t expectedPid, base::Deadline de
       return EAcceptResult::Failed;
     }
     if (fds[1].revents & POLLIN) {
-      impl.DrainWake();
+      Impl::Drain(impl.wake);
       return EAcceptResult::Woken;
     }
     if (fds[0].revents & (POLLERR | POLLNVAL)) {
@@ -606,7 +605,7 @@ TransportEvents PipeTransport::Wait(base::Deadline deadline, std::size_t readSiz
   std::uint32_t connection = 0;
   for (int i = 0; i < count; ++i) {
     if (ready[i].data.fd == impl.wake.Get()) {
-      impl.DrainWake();
+      Impl::Drain(impl.wake);
     } else {
       connection = ready[i].events;
     }
