@@ -4,10 +4,11 @@
 # reads GoogleTest's listing the same way as on Linux.
 #
 # Wine's client now and then loses its connection to the wineserver while a new process is
-# being set up ("wine client error:…: recvmsg: Connection reset by peer"); the program has
-# then not run at all: it printed nothing and no test of it ran. Such a start, and only
-# such a start, is made once more, and the fact is written to standard error. A program
-# that ran and failed is never run again.
+# being set up ("wine client error:…: recvmsg: Connection reset by peer"), or ends such a
+# start without a word at all; the program has then not run: it printed nothing (a test
+# program's first line, GoogleTest's "Running main()", is missing) and no test of it ran.
+# Such a start, and only such a start, is made once more, and the fact is written to
+# standard error. A program that ran and failed is never run again.
 set -o pipefail
 export WINEDEBUG="${WINEDEBUG:--all}"
 # No Mono or Gecko installers: the tests are console programs.
@@ -24,8 +25,8 @@ run() {
 
 run "$@"
 status=$?
-if ((status != 0)) && [[ ! -s "$out" ]] && grep -q '^wine client error' "$err"; then
-  echo "wine-run: the Wine client lost the wineserver before the program started:" >&2
+if ((status != 0)) && [[ ! -s "$out" ]] && { [[ ! -s "$err" ]] || grep -q '^wine client error' "$err"; }; then
+  echo "wine-run: Wine ended the start of the program with status $status before it ran:" >&2
   cat "$err" >&2
   echo "wine-run: starting the program once more" >&2
   run "$@"
