@@ -181,6 +181,25 @@ def raw_exchange(port, data, timeout_s=10, shut=False):
         return received
 
 
+def read_answers(s, count, timeout_s=30):
+    """Reads `count` answers with a Content-Length from socket `s`: a list of (status, body)."""
+    deadline = time.monotonic() + timeout_s
+    received, answers = b"", []
+    while len(answers) < count and time.monotonic() < deadline:
+        head, sep, rest = received.partition(b"\r\n\r\n")
+        match = re.search(rb"(?i)content-length:\s*(\d+)", head) if sep else None
+        if match and len(rest) >= int(match.group(1)):
+            length = int(match.group(1))
+            answers.append((status_of(head), rest[:length]))
+            received = rest[length:]
+            continue
+        chunk = s.recv(1 << 20)
+        if not chunk:
+            break
+        received += chunk
+    return answers
+
+
 def status_of(answer):
     return int(answer.split(b" ", 2)[1]) if answer.startswith(b"HTTP/") else None
 
@@ -703,6 +722,45 @@ class Limits(ServerTest):
         self.assertEqual(response.status, 200)
         self.assertEqual(response.read(), data)
         connection.close()
+
+    def test_body_in_pieces_with_a_request_behind_it(self):
+        server = self.echo_server()
+        data = random.Random(5).randbytes(3 << 20)  # more than one step of the body's reading
+        head = (b"POST /echo/FILES/ HTTP/1.1\r\nHost: x\r\nContent-Type: application/octet-stream"
+                b"\r\nContent-Length: %d\r\n\r\n" % len(data))
+        with socket.create_connection(("127.0.0.1", server.port), timeout=30) as s:
+            s.sendall(head + data[:1000])  # the header with the body's first bytes
+            s.sendall(data[1000:2 << 20])
+            s.sendall(data[2 << 20:] + b"GET /echo/WHO/ HTTP/1.1\r\nHost: x\r\n\r\n")
+            answers = read_answers(s, 2)
+        self.assertEqual(len(answers), 2)
+        self.assertEqual(answers[0], (200, data))
+        self.assertEqual(answers[1][0], 200)
+        self.assertIn("pid", json.loads(answers[1][1]))
+
+    def test_announced_body_never_sent_takes_no_memory(self):
+        server = self.echo_server("--max-body", str(64 << 20))
+
+        def peak_kib():
+            with open(f"/proc/{server.process.pid}/status") as f:
+                return int(re.search(r"^VmHWM:\s+(\d+)", f.read(), re.M).group(1))
+
+        self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
+        before = peak_kib()
+        sockets = []
+        try:
+            for _ in range(8):
+                s = socket.create_connection(("127.0.0.1", server.port), timeout=10)
+                s.sendall(b"POST /echo/FILES/ HTTP/1.1\r\nHost: x\r\nContent-Length: %d\r\n\r\n"
+                          % (64 << 20) + b"x" * 100)
+                sockets.append(s)
+        finally:
+            for s in sockets:
+                s.close()
+        # Each one ends as a request the client left (499) once the server sees it gone.
+        gone = lambda: sum(1 for l in list(server.lines) if l and '"status":499' in l)
+        self.assertTrue(wait_until(lambda: gone() == 8, 10), server.lines[-10:])
+        self.assertLess(peak_kib() - before, 32 << 10)  # 8 x 64 MiB if held at once
 
     def test_every_listen_address_is_served(self):
         server = self.echo_server("--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0")

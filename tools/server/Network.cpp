@@ -9,10 +9,10 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <algorithm>  // std::min
 #include <charconv>  // std::from_chars
 #include <condition_variable>
 #include <csignal>  // SIGTERM, SIGINT, SIGHUP
@@ -43,6 +43,7 @@ constexpr auto kWriteStepTime = std::chrono::seconds(30);
 constexpr auto kLingerTime = std::chrono::seconds(3);
 constexpr std::uint32_t kHeaderLimit = 64 * 1024;
 constexpr std::size_t kFirstRead = 4096;
+constexpr std::size_t kBodyReadStep = 1024 * 1024;
 // Requests read and waiting for a worker thread, at most; more are answered 503 at once.
 constexpr std::size_t kMaxWaitingForWorker = 4096;
 
@@ -62,21 +63,31 @@ struct CNetwork::Impl {
   std::unordered_map<CConnection*, std::weak_ptr<CConnection>> Connections;  // under Lock
 
   CServer& Server;
-  net::io_context Io;
-  net::executor_work_guard<net::io_context::executor_type> Work;
+  // One I/O context per I/O thread, each run by that thread alone: a completion made on an
+  // I/O thread (a cancelled time limit, a read that starts the next) stays on that thread
+  // instead of waking another. Connections are spread over them in turn.
+  struct CIoThread {
+    net::io_context Io{1};
+    net::executor_work_guard<net::io_context::executor_type> Work{net::make_work_guard(Io)};
+    std::thread Thread;
+  };
+  std::vector<std::unique_ptr<CIoThread>> IoThreads;
+  std::size_t NextIo = 0;  // touched on the first I/O thread only, by Accept
+  net::io_context& Io;     // the first: acceptors and signals
   net::thread_pool Workers;
   net::signal_set Signals;
   std::function<void(int)> OnSignal;
-  std::vector<std::unique_ptr<tcp::acceptor>> Acceptors;  // touched on the I/O threads after Start
-  std::vector<std::thread> IoThreads;
+  std::vector<std::unique_ptr<tcp::acceptor>> Acceptors;  // touched on the first I/O thread
 
   Impl(CServer& server, std::uint32_t workers)
-      : Server(server),
-        Io(static_cast<int>(IoThreadCount())),
-        Work(net::make_work_guard(Io)),
-        Workers(workers),
+      : Server(server), IoThreads(MakeIoThreads()), Io(IoThreads.front()->Io), Workers(workers),
         Signals(Io) {}
 
+  static std::vector<std::unique_ptr<CIoThread>> MakeIoThreads() {
+    std::vector<std::unique_ptr<CIoThread>> threads(IoThreadCount());
+    for (auto& thread : threads) thread = std::make_unique<CIoThread>();
+    return threads;
+  }
   static unsigned IoThreadCount() {
     const unsigned cores = std::thread::hardware_concurrency();
     return cores == 0 ? 1 : (cores > 4 ? 4 : cores);
@@ -103,7 +114,7 @@ struct CNetwork::Impl {
 
 namespace {
 
-// One accepted connection. Its handlers run on its own strand, one at a time.
+// One accepted connection. Its handlers run on the one thread of its I/O context.
 class CConnection : public std::enable_shared_from_this<CConnection> {
  public:
   CConnection(tcp::socket&& socket, CNetwork::Impl& network)
@@ -147,6 +158,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
 
   void ReadHeader() {
     m_parser.emplace();
+    m_bodyRead = false;
     m_parser->header_limit(kHeaderLimit);
     m_parser->body_limit(boost::none);  // set once the route is known
     m_stream.expires_after(kHeaderTime);
@@ -218,6 +230,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
 
   void ReadBody() {
     if (m_parser->is_done()) return Dispatch();
+    if (const auto length = m_parser->content_length()) return StartBodyOfLength(*length);
     m_stream.expires_after(kBodyStepTime);
     http::async_read_some(
         m_stream, m_buffer, *m_parser,
@@ -245,6 +258,44 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
         });
   }
 
+  // A body of known length (within the limit, checked before) is read past the parser: what
+  // came with the header is taken from the buffer, the rest is read from the socket straight
+  // into the body, in steps of up to kBodyReadStep. The body grows by what arrives, so that a
+  // length announced and never sent costs no memory.
+  void StartBodyOfLength(std::uint64_t length) {
+    m_body.clear();
+    m_body.reserve(static_cast<std::size_t>(length));
+    const std::size_t early = std::min<std::size_t>(m_buffer.size(), length);
+    const auto* data = static_cast<const char*>(m_buffer.data().data());
+    m_body.append(data, early);
+    m_buffer.consume(early);
+    m_bytesIn += early;
+    m_bodyLength = static_cast<std::size_t>(length);
+    ReadBodyOfLength();
+  }
+
+  void ReadBodyOfLength() {
+    const std::size_t had = m_body.size();
+    if (had == m_bodyLength) {
+      m_bodyRead = true;
+      return Dispatch();
+    }
+    m_body.resize(had + std::min(m_bodyLength - had, kBodyReadStep));
+    m_stream.expires_after(kBodyStepTime);
+    m_stream.async_read_some(
+        net::buffer(m_body.data() + had, m_body.size() - had),
+        [self = shared_from_this(), had](const beast::error_code& ec, std::size_t bytes) {
+          self->m_body.resize(had + bytes);
+          self->m_bytesIn += bytes;
+          if (ec == beast::error::timeout) {
+            self->m_status = 408;
+            return self->Close();
+          }
+          if (ec) return self->Close();  // the client went away or reset the connection
+          self->ReadBodyOfLength();
+        });
+  }
+
   void Dispatch() {
     m_stream.expires_never();
     http::request<http::string_body> request = m_parser->release();
@@ -252,7 +303,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     parts.Method = m_method;
     parts.ContentType = std::string(request[http::field::content_type]);
     parts.ContentDisposition = std::string(request[http::field::content_disposition]);
-    parts.Body = std::move(request.body());
+    parts.Body = m_bodyRead ? std::move(m_body) : std::move(request.body());
     // The worker threads' queue is bounded in length and, like the pool's, in waiting time.
     if (++m_network.WaitingForWorker > kMaxWaitingForWorker) {
       --m_network.WaitingForWorker;
@@ -280,11 +331,11 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   }
 
   // On the worker thread that made the answer, while the connection waits for it: nothing of
-  // the connection is pending on its strand but what Drain posts, which m_workerAnswer keeps
+  // the connection is pending on its I/O thread but what Drain posts, which m_workerAnswer keeps
   // out meanwhile. An answer that the socket takes whole at once is written here and the wait
   // for the next request starts here: no hand-over back to an I/O thread on the path of
   // every request. Any other answer (one that closes the connection, or more than the socket
-  // takes now) is written from the strand.
+  // takes now) is written from the I/O thread.
   void AnswerFromWorker(CReply reply) {
     std::unique_lock<std::mutex> hold(m_workerAnswer);
     const auto [keepAlive, unreadBody] = Prepare(std::move(reply), false);
@@ -303,7 +354,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   }
 
   // Writes as much of the prepared answer as the socket takes without waiting; true when it
-  // took all of it. A failed write leaves the rest to the strand, which sees the failure again.
+  // took all of it. A failed write leaves the rest to the I/O thread, which sees the failure again.
   bool WriteNow() {
     beast::error_code ec;
     m_stream.socket().non_blocking(true, ec);
@@ -342,7 +393,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
     m_status = reply.Status;
     m_pid = reply.HandlerPid;
     const bool keepAlive = response->keep_alive();
-    const bool unreadBody = m_parser && !m_parser->is_done();
+    const bool unreadBody = m_parser && !m_parser->is_done() && !m_bodyRead;
     m_response = std::move(response);
     m_serializer.emplace(*m_response);
     return {keepAlive, unreadBody};
@@ -445,13 +496,17 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   beast::tcp_stream m_stream;
   beast::flat_buffer m_buffer;
   std::optional<http::request_parser<http::string_body>> m_parser;
+  // A body of known length, read past the parser (StartBodyOfLength); m_bodyRead once whole.
+  std::string m_body;
+  std::size_t m_bodyLength = 0;
+  bool m_bodyRead = false;
   std::shared_ptr<http::response<http::string_body>> m_response;  // the answer being written
   std::optional<http::response_serializer<http::string_body>> m_serializer;  // of m_response
   CNetwork::Impl& m_network;
   CServer& m_server;
   CRouted m_routed;
   // Held by the worker thread that writes an answer (AnswerFromWorker) and by Drain's step on
-  // the strand: the only two that can touch the connection at the same time.
+  // the I/O thread: the only two that can touch the connection at the same time.
   std::mutex m_workerAnswer;
   bool m_draining = false;
   bool m_closed = false;
@@ -508,8 +563,10 @@ std::string EndpointText(const tcp::endpoint& endpoint) {
 }  // namespace
 
 void CNetwork::Impl::Accept(tcp::acceptor& acceptor) {
+  net::io_context& connectionIo = IoThreads[NextIo]->Io;
+  NextIo = (NextIo + 1) % IoThreads.size();
   acceptor.async_accept(
-      net::make_strand(Io), [this, &acceptor](const beast::error_code& ec, tcp::socket socket) {
+      connectionIo, [this, &acceptor](const beast::error_code& ec, tcp::socket socket) {
         if (ec == net::error::operation_aborted || !acceptor.is_open()) return;
         if (ec) {
           // Out of descriptors, say: try again shortly rather than spin.
@@ -565,9 +622,8 @@ void CNetwork::HandleSignals(std::function<void(int)> onSignal) {
 
 void CNetwork::Start() {
   for (auto& acceptor : m_impl->Acceptors) m_impl->Accept(*acceptor);
-  const unsigned count = Impl::IoThreadCount();
-  for (unsigned i = 0; i < count; ++i) {
-    m_impl->IoThreads.emplace_back([this] { m_impl->Io.run(); });
+  for (auto& thread : m_impl->IoThreads) {
+    thread->Thread = std::thread([io = &thread->Io] { io->run(); });
   }
 }
 
@@ -596,12 +652,13 @@ bool CNetwork::WaitIdle(std::chrono::steady_clock::time_point deadline) {
 
 void CNetwork::Stop(bool joinWorkers) {
   m_impl->Signals.cancel();
-  m_impl->Work.reset();
-  m_impl->Io.stop();
-  for (std::thread& thread : m_impl->IoThreads) {
-    if (thread.joinable()) thread.join();
+  for (auto& thread : m_impl->IoThreads) {
+    thread->Work.reset();
+    thread->Io.stop();
   }
-  m_impl->IoThreads.clear();
+  for (auto& thread : m_impl->IoThreads) {
+    if (thread->Thread.joinable()) thread->Thread.join();
+  }
   if (joinWorkers) m_impl->Workers.join();
 }
 
