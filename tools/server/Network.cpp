@@ -357,7 +357,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   // took all of it. A failed write leaves the rest to the I/O thread, which sees the failure again.
   bool WriteNow() {
     beast::error_code ec;
-    m_stream.socket().non_blocking(true, ec);
+    if (!m_stream.socket().non_blocking()) m_stream.socket().non_blocking(true, ec);
     while (!ec && !m_serializer->is_done()) {
       m_bytesOut += http::write_some(m_stream.socket(), *m_serializer, ec);
     }
