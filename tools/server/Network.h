@@ -1,13 +1,15 @@
 // CNetwork: the HTTP side of `pendrel serve` (Boost.Beast on Boost.Asio): one listener per
 // address, one connection object per accepted socket (owning its socket, buffer and
-// parser), the I/O threads, the worker threads that run exchanges, and the signals.
+// parser), the I/O threads (each with an I/O context of its own; connections are spread over
+// them in turn), the worker threads that run exchanges, and the signals.
 //
 // Every network operation has a time limit: an idle keep-alive connection 75 s, a request's
-// header 10 s, each step of its body 30 s, each step of its answer 30 s. The body limit is set on
-// the parser before the body is read; a declared length over it is answered with 413 before
-// anything of the body is read (also under "Expect: 100-continue"). An idle connection holds
-// no thread. Finished requests go to a bounded set of worker threads; the I/O threads never
-// block on a handler.
+// header 10 s, each step of its body 30 s, each step of its answer 30 s. A declared length
+// over the body limit is answered with 413 before anything of the body is read (also under
+// "Expect: 100-continue"); a body of declared length is then read straight into the request,
+// growing by what arrives; a chunked body is read by the parser, which stops it at the limit.
+// An idle connection holds no thread. Finished requests go to a bounded set of worker
+// threads; the I/O threads never block on a handler.
 //
 // Threads: Listen and Start from the control thread before anything else; StopAccepting,
 // WaitIdle and Stop from the control thread; the rest is internal.

@@ -1,9 +1,9 @@
 // CServer: `pendrel serve` itself: listeners, connections, the worker threads that run
 // exchanges, the mounted pools and the control thread that answers signals.
 //
-// The network side (HttpConnection.cpp) reads requests on I/O threads with Boost.Beast and
-// hands each finished request to Handle on a worker thread; the answer is written back on
-// the connection's strand. Routing happens once the header is read (Route), so an unknown
+// The network side (Network.cpp) reads requests on I/O threads with Boost.Beast and hands
+// each finished request to Handle on a worker thread, which writes the answer when the
+// socket takes it at once; the rest of a larger answer is written from the I/O thread. Routing happens once the header is read (Route), so an unknown
 // mount or a body over the limit is answered before the body is read.
 //
 // Control: Run blocks on the calling thread until SIGTERM or SIGINT, serving SIGHUP (read
