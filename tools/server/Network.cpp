@@ -1,5 +1,6 @@
 #include "tools/server/Network.h"
 
+#include <algorithm>  // std::min
 #include <atomic>
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/dispatch.hpp>
@@ -12,7 +13,6 @@
 #include <boost/asio/thread_pool.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <algorithm>  // std::min
 #include <charconv>  // std::from_chars
 #include <condition_variable>
 #include <csignal>  // SIGTERM, SIGINT, SIGHUP
@@ -80,7 +80,10 @@ struct CNetwork::Impl {
   std::vector<std::unique_ptr<tcp::acceptor>> Acceptors;  // touched on the first I/O thread
 
   Impl(CServer& server, std::uint32_t workers)
-      : Server(server), IoThreads(MakeIoThreads()), Io(IoThreads.front()->Io), Workers(workers),
+      : Server(server),
+        IoThreads(MakeIoThreads()),
+        Io(IoThreads.front()->Io),
+        Workers(workers),
         Signals(Io) {}
 
   static std::vector<std::unique_ptr<CIoThread>> MakeIoThreads() {

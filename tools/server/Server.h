@@ -3,8 +3,9 @@
 //
 // The network side (Network.cpp) reads requests on I/O threads with Boost.Beast and hands
 // each finished request to Handle on a worker thread, which writes the answer when the
-// socket takes it at once; the rest of a larger answer is written from the I/O thread. Routing happens once the header is read (Route), so an unknown
-// mount or a body over the limit is answered before the body is read.
+// socket takes it at once; the rest of a larger answer is written from the I/O thread. Routing
+// happens once the header is read (Route), so an unknown mount or a body over the limit is answered
+// before the body is read.
 //
 // Control: Run blocks on the calling thread until SIGTERM or SIGINT, serving SIGHUP (read
 // the configuration again, start the new pools, drain the old) and closing idle sessions
