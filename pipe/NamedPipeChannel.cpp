@@ -8,6 +8,7 @@
 #include <iterator>  // std::size
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -136,7 +137,10 @@ struct NamedPipeChannel::Impl {
   CChannelFailure failure;                      // guarded by mutex
   EFlush flush = EFlush::None;                  // guarded by mutex
   std::deque<std::string> sendQueue;            // guarded by mutex
-  std::deque<Received> receiveQueue;            // guarded by mutex
+  // Guarded by mutex: a message whose first packets the posting thread wrote when the socket
+  // would take no more (WriteNowLocked); the worker writes the rest before anything queued.
+  std::optional<PacketWriter> begun;
+  std::deque<Received> receiveQueue;  // guarded by mutex
   // Guarded by mutex: the unasked messages in receiveQueue, and their bytes.
   std::size_t unaskedCount = 0;
   std::uint64_t unaskedBytes = 0;
@@ -188,7 +192,7 @@ struct NamedPipeChannel::Impl {
   CChannelFailure ReadFailureOf(const detail::TransportEvents& events,
                                 const PacketBounds& bounds) const;
   void WaitForDirectReader();
-  bool SendNowLocked(const std::string& message);
+  bool WriteNowLocked(std::string& message);
   // Callers.
   bool CanReadDirectlyLocked() const;
   void ClaimReadingLocked();
@@ -329,6 +333,11 @@ bool NamedPipeChannel::Impl::AcceptClient(detail::PipeTransport& pipe) {
 // Takes the next queued message, if any, into `writer`.
 void NamedPipeChannel::Impl::TakeNextMessage(PacketWriter& writer) {
   const std::lock_guard<std::mutex> lock(mutex);
+  if (begun) {
+    writer = std::move(*begun);
+    begun.reset();
+    return;  // `writing` has been set by WriteNowLocked
+  }
   if (sendQueue.empty()) return;
   writer.Begin(std::move(sendQueue.front()), WirePacketSize(packetSize));
   sendQueue.pop_front();
@@ -460,17 +469,19 @@ CChannelFailure NamedPipeChannel::Impl::Receive(detail::PipeTransport& pipe, det
 // `mutex`, which keeps the worker from starting a write of its own or disconnecting meanwhile
 // (it disconnects only after leaving Connected and Draining under the lock). Returns false,
 // having written nothing, when the worker must write it.
-bool NamedPipeChannel::Impl::SendNowLocked(const std::string& message) {
+bool NamedPipeChannel::Impl::WriteNowLocked(std::string& message) {
   if (state != EChannelState::Connected && state != EChannelState::Draining) return false;
   if (!sendQueue.empty() || writing || !transport) return false;
-  const std::uint32_t wireSize = WirePacketSize(packetSize);
-  const std::size_t room = wireSize - detail::kPacketHeaderSize;
-  if (message.size() > room) return false;
-  detail::PacketPieces pieces{};
-  protocol::WritePacketHeader(pieces.header, {0, static_cast<std::uint32_t>(message.size())});
-  pieces.payload = message;
-  pieces.filler = room - message.size();
-  return transport->SendNow(pieces);
+  PacketWriter writer;
+  writer.Begin(std::move(message), WirePacketSize(packetSize));
+  while (transport->SendNow(writer.CurrentPieces())) {
+    if (writer.PacketSent()) return true;
+  }
+  // The socket takes no more now (or this platform writes only from the worker).
+  begun.emplace(std::move(writer));
+  writing = true;
+  WakeWorkerLocked();
+  return true;
 }
 
 // The worker saw the peer's end while a caller reads the pipe: the caller takes what is left
@@ -568,11 +579,12 @@ void NamedPipeChannel::Impl::ClaimReadingLocked() {
   transport->WatchInput(false);
 }
 
-// Sends `message` after everything posted before: from the calling thread when it can
-// (SendNowLocked), else through the worker. Called under `mutex`.
+// Sends `message` after everything posted before: when nothing is queued or being written,
+// the calling thread writes the packets that the socket takes at once and leaves the rest to
+// the worker (WriteNowLocked), else the worker writes it all. Called under `mutex`.
 void NamedPipeChannel::Impl::PostLocked(std::string message) {
   answerDue = true;
-  if (SendNowLocked(message)) return;
+  if (WriteNowLocked(message)) return;
   sendQueue.push_back(std::move(message));
   WakeWorkerLocked();
 }
@@ -772,6 +784,7 @@ void NamedPipeChannel::Close() {
   const std::lock_guard<std::mutex> lock(impl.mutex);
   impl.transport.reset();
   impl.sendQueue.clear();
+  impl.begun.reset();
   impl.DropReceivedLocked();
   impl.answerDue = false;
   impl.writing = false;

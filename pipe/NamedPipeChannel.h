@@ -8,10 +8,11 @@
 // starting with an 8-byte little-endian header (packets still to come after this one, payload
 // bytes in this one), and puts received packets back together, each payload received straight
 // into its message. The worker sleeps in the operating system until data arrives, a packet
-// has gone out, or a caller posts, asks for a flush or closes. A message of one packet posted
-// while the worker has nothing to write is written by the posting thread itself (Linux), under
-// the channel's lock, which saves the hand-over to the worker on the path of every small
-// request and answer. Likewise a caller of WaitForMessage that finds nothing received reads
+// has gone out, or a caller posts, asks for a flush or closes. A message posted while the
+// worker has nothing to write is written by the posting thread itself (Linux), under the
+// channel's lock, as far as the socket takes it without waiting (the worker writes the rest),
+// which saves the hand-over to the worker on the path of every request and answer that fits
+// the socket's buffer. Likewise a caller of WaitForMessage that finds nothing received reads
 // the pipe itself (Linux) while it waits, one caller at a time, so that an answer of one
 // packet reaches the waiting thread without the worker being woken to read it; the worker
 // then neither reads nor wakes for input, and takes reading back as soon as nobody waits or
@@ -125,11 +126,12 @@ class NamedPipeChannel {
   // failure stays; InterruptWaits is undone. Safe to call in every state.
   void Close();
 
-  // Sends `message` after everything posted before. Always returns true. A message that fits
-  // one packet, posted while the channel is connected and the worker has nothing to write,
-  // is written by the calling thread at once (Linux) when the pipe takes it without waiting;
-  // any other is appended to the send queue and the worker is woken to write it. A queued
-  // message waits until the worker is connected (forever if it has ended).
+  // Sends `message` after everything posted before. Always returns true. A message posted
+  // while the channel is connected and the worker has nothing to write is written by the
+  // calling thread at once (Linux), packet by packet, as far as the pipe takes them without
+  // waiting; the worker is woken to write the rest, if any. Any other is appended to the
+  // send queue and the worker is woken to write it. A queued message waits until the worker
+  // is connected (forever if it has ended).
   bool Post(std::string message);
 
   // Receive side.

@@ -166,6 +166,24 @@ TEST(PipeChannel, WaitForMessageTimesOutWhenNothingComes) {
   EXPECT_EQ(message, "untouched");
 }
 
+// Ask with no answer in time: the question has gone out, the wait ends at its limit, and
+// the answer that comes later is the next message.
+TEST(PipeChannel, AskTimesOutWhenNoAnswerComes) {
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  std::string answer = "untouched";
+  EXPECT_EQ(server.Ask("no time", answer, 0ms), EWaitResult::TimedOut);
+  EXPECT_EQ(answer, "untouched");
+  std::string packet;
+  ASSERT_TRUE(client.Read(packet));
+  EXPECT_EQ(packet.substr(8, 7), "no time");
+  ASSERT_TRUE(client.WriteMessage("late"));
+  ASSERT_EQ(server.WaitForMessage(answer, 5s), EWaitResult::Message);
+  EXPECT_EQ(answer, "late");
+  EXPECT_FALSE(server.HasError());
+}
+
 TEST(PipeChannel, ReportsPeerThatLeavesAsReadFailure) {
   NamedPipeChannel server;
   RawClient client;

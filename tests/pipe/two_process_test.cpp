@@ -40,8 +40,6 @@ TEST(PipeProcesses, AskGetsTheAnswerToEachQuestion) {
     ASSERT_EQ(server.Ask(question, answer, 60s), EWaitResult::Message) << size;
     EXPECT_TRUE(answer == question) << size;
   }
-  std::string answer;
-  EXPECT_EQ(server.Ask("no time", answer, 0ms), EWaitResult::TimedOut);
   EXPECT_FALSE(server.HasError());
   server.Close();
   EXPECT_EQ(child.Wait(20s), 0);

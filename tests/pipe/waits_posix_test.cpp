@@ -98,14 +98,17 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
     FAIL() << "the reader did not go to sleep";
   }
   const long before = VoluntarySwitches(readerId);
-  // Three packets each: written by the worker, each message's end and flush reported.
-  const std::string large = PatternBytes(3 * (32768 - 8));
+  // Twenty packets each, more than the socket takes at once: the posting thread writes the
+  // first ones, the worker the rest as the client reads them; each message's end and flush
+  // reported.
+  constexpr int kPackets = 20;
+  const std::string large = PatternBytes(kPackets * (32768 - 8));
   for (int index = 0; index < kExchanges / 2; ++index) {
     server.Post(large);
+    std::string packet;
+    for (int part = 0; part < kPackets; ++part) ASSERT_TRUE(client.Read(packet)) << index;
     server.RequestFlush();
     ASSERT_TRUE(server.WaitForFlush(10s)) << index;
-    std::string packet;
-    for (int part = 0; part < 3; ++part) ASSERT_TRUE(client.Read(packet)) << index;
   }
   const long after = VoluntarySwitches(readerId);
   EXPECT_LT(after - before, kAllowedSwitches) << "the reader woke for written messages";
@@ -136,6 +139,30 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
   // A message that comes while nobody waits is read by the worker, as before.
   ASSERT_TRUE(client.WriteMessage("unasked"));
   ASSERT_TRUE(WaitFor([&server] { return server.HasMessage(); }, 10s));
+}
+
+// A message of several packets posted while the channel is idle is written by the posting
+// thread as far as the socket takes it: the worker sleeps.
+TEST(PipeChannelWaits, APostedMessageThatTheSocketTakesIsWrittenWithoutWakingTheWorker) {
+  const std::vector<long> before = ThreadIds();
+  NamedPipeChannel server;
+  RawClient client;
+  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
+  const std::vector<long> worker = ThreadsStartedSince(before);
+  ASSERT_EQ(worker.size(), 1u);
+  const long workerBefore = VoluntarySwitchesOf(worker);
+  const std::string message = PatternBytes(3 * (32768 - 8));
+  for (int index = 0; index < kExchanges; ++index) {
+    server.Post(message);
+    std::string packet;
+    for (int part = 0; part < 3; ++part) ASSERT_TRUE(client.Read(packet)) << index;
+    EXPECT_EQ(packet.substr(8), message.substr(2 * (32768 - 8))) << index;
+  }
+  EXPECT_LT(VoluntarySwitchesOf(worker) - workerBefore, kAllowedSwitches)
+      << "the worker woke to write the messages";
+  server.RequestFlush();
+  EXPECT_TRUE(server.WaitForFlush(10s));
+  EXPECT_FALSE(server.HasError());
 }
 
 // Ask takes the reading before the question goes out: however soon the answer comes, the
