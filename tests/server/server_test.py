@@ -17,6 +17,7 @@ import os
 import queue
 import random
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -65,11 +66,15 @@ def wait_until(condition, timeout_s, step_s=0.02):
 class Server:
     """One `pendrel serve` process with its stderr collected line by line."""
 
-    def __init__(self, folder, arguments, expect_listening=True):
+    def __init__(self, folder, arguments, expect_listening=True, address_space=None):
         self.folder = folder
+        limit = None
+        if address_space is not None:
+            limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (address_space, address_space))
         self.process = subprocess.Popen(
             [PENDREL, "serve", *arguments],
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+            preexec_fn=limit)
         self.lines = []
         self.changed = threading.Condition()
         self.reader = threading.Thread(target=self._read, daemon=True)
@@ -223,7 +228,7 @@ class ServerTest(unittest.TestCase):
         finally:
             shutil.rmtree(self.folder, ignore_errors=True)
 
-    def serve(self, *arguments, config=None, expect_listening=True):
+    def serve(self, *arguments, config=None, expect_listening=True, address_space=None):
         arguments = list(arguments)
         if config is not None:
             path = os.path.join(self.folder, "serve.toml")
@@ -232,7 +237,7 @@ class ServerTest(unittest.TestCase):
             arguments += ["--config", path]
         if not any(a.startswith("--listen") for a in arguments) and "listen" not in (config or ""):
             arguments += ["--listen", "127.0.0.1:0"]
-        server = Server(self.folder, arguments, expect_listening)
+        server = Server(self.folder, arguments, expect_listening, address_space)
         self.servers.append(server)
         return server
 
@@ -761,6 +766,20 @@ class Limits(ServerTest):
         gone = lambda: sum(1 for l in list(server.lines) if l and '"status":499' in l)
         self.assertTrue(wait_until(lambda: gone() == 8, 10), server.lines[-10:])
         self.assertLess(peak_kib() - before, 32 << 10)  # 8 x 64 MiB if held at once
+
+    def test_a_body_there_is_no_room_for_gives_503(self):
+        with open(PENDREL, "rb") as program:
+            if b"__asan_init" in program.read():
+                self.skipTest("AddressSanitizer reserves terabytes of address space")
+        # The server's address space is limited to less than the body announced.
+        server = self.serve("--mount", f"/echo={self.handler}", "--max-body", str(4 << 30),
+                            address_space=3 << 30)
+        answer = raw_exchange(server.port, b"POST /echo/FILES/ HTTP/1.1\r\nHost: x\r\n"
+                              b"Content-Length: %d\r\n\r\n" % (3 << 30) + b"x" * 100)
+        self.assertEqual(status_of(answer), 503, answer[:300])
+        self.assertIn(b"Retry-After: 1", answer)
+        self.assertIsNone(server.process.poll())
+        self.assertEqual(curl(server.url("/echo/WHO/"))[0], 200)
 
     def test_every_listen_address_is_served(self):
         server = self.echo_server("--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0")

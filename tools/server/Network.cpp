@@ -18,6 +18,7 @@
 #include <csignal>  // SIGTERM, SIGINT, SIGHUP
 #include <cstdio>   // std::fprintf
 #include <mutex>
+#include <new>  // std::bad_alloc
 #include <optional>
 #include <thread>
 #include <unordered_map>
@@ -263,11 +264,19 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
 
   // A body of known length (within the limit, checked before) is read past the parser: what
   // came with the header is taken from the buffer, the rest is read from the socket straight
-  // into the body, in steps of up to kBodyReadStep. The body grows by what arrives, so that a
-  // length announced and never sent costs no memory.
+  // into the body, in steps of up to kBodyReadStep. The room for the whole body is reserved
+  // at once (address space only); the body grows by what arrives, so that a length announced
+  // and never sent costs no memory.
   void StartBodyOfLength(std::uint64_t length) {
     m_body.clear();
-    m_body.reserve(static_cast<std::size_t>(length));
+    try {
+      m_body.reserve(static_cast<std::size_t>(length));
+    } catch (const std::bad_alloc&) {
+      CReply busy =
+          Problem(503, "there is no memory for a body of " + std::to_string(length) + " bytes now");
+      busy.Fields.emplace_back("Retry-After", "1");
+      return Answer(std::move(busy), true);
+    }
     const std::size_t early = std::min<std::size_t>(m_buffer.size(), length);
     const auto* data = static_cast<const char*>(m_buffer.data().data());
     m_body.append(data, early);
