@@ -61,6 +61,23 @@ std::future<Waited> StartWaitingForMessage(NamedPipeChannel& server,
       tid);
 }
 
+// A server end opened with a raw client, with the one thread the channel started: its
+// worker.
+struct WatchedServer {
+  NamedPipeChannel server;
+  RawClient client;
+  std::vector<long> worker;
+};
+
+// Opens `watched` and finds its worker; false when the opening failed or the channel did not
+// start exactly one thread.
+bool OpenWatched(WatchedServer& watched) {
+  const std::vector<long> before = ThreadIds();
+  if (!OpenWithRawClient(watched.server, watched.client, UniquePipeName())) return false;
+  watched.worker = ThreadsStartedSince(before);
+  return watched.worker.size() == 1;
+}
+
 TEST(PipeChannelWaits, WaitForFailureSleepsWhileMessagesComeAndGo) {
   NamedPipeChannel server;
   RawClient client;
@@ -118,13 +135,11 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
 }
 
 TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
-  const std::vector<long> before = ThreadIds();
-  NamedPipeChannel server;
-  RawClient client;
-  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::vector<long> worker = ThreadsStartedSince(before);
-  ASSERT_EQ(worker.size(), 1u);
-  const long workerBefore = VoluntarySwitchesOf(worker);
+  WatchedServer watched;
+  ASSERT_TRUE(OpenWatched(watched));
+  NamedPipeChannel& server = watched.server;
+  RawClient& client = watched.client;
+  const long workerBefore = VoluntarySwitchesOf(watched.worker);
   for (int index = 0; index < kExchanges; ++index) {
     long readerId = 0;
     auto reader = StartWaitingForMessage(server, 10s, readerId);
@@ -134,7 +149,7 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
     ASSERT_EQ(reader.wait_for(10s), std::future_status::ready) << index;
     ASSERT_EQ(reader.get().message, sent);
   }
-  EXPECT_LT(VoluntarySwitchesOf(worker) - workerBefore, kAllowedSwitches)
+  EXPECT_LT(VoluntarySwitchesOf(watched.worker) - workerBefore, kAllowedSwitches)
       << "the worker woke to read the messages";
   // A message that comes while nobody waits is read by the worker, as before.
   ASSERT_TRUE(client.WriteMessage("unasked"));
@@ -144,13 +159,11 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
 // A message of several packets posted while the channel is idle is written by the posting
 // thread as far as the socket takes it: the worker sleeps.
 TEST(PipeChannelWaits, APostedMessageThatTheSocketTakesIsWrittenWithoutWakingTheWorker) {
-  const std::vector<long> before = ThreadIds();
-  NamedPipeChannel server;
-  RawClient client;
-  ASSERT_TRUE(OpenWithRawClient(server, client, UniquePipeName()));
-  const std::vector<long> worker = ThreadsStartedSince(before);
-  ASSERT_EQ(worker.size(), 1u);
-  const long workerBefore = VoluntarySwitchesOf(worker);
+  WatchedServer watched;
+  ASSERT_TRUE(OpenWatched(watched));
+  NamedPipeChannel& server = watched.server;
+  RawClient& client = watched.client;
+  const long workerBefore = VoluntarySwitchesOf(watched.worker);
   const std::string message = PatternBytes(3 * (32768 - 8));
   for (int index = 0; index < kExchanges; ++index) {
     server.Post(message);
@@ -158,7 +171,7 @@ TEST(PipeChannelWaits, APostedMessageThatTheSocketTakesIsWrittenWithoutWakingThe
     for (int part = 0; part < 3; ++part) ASSERT_TRUE(client.Read(packet)) << index;
     EXPECT_EQ(packet.substr(8), message.substr(2 * (32768 - 8))) << index;
   }
-  EXPECT_LT(VoluntarySwitchesOf(worker) - workerBefore, kAllowedSwitches)
+  EXPECT_LT(VoluntarySwitchesOf(watched.worker) - workerBefore, kAllowedSwitches)
       << "the worker woke to write the messages";
   server.RequestFlush();
   EXPECT_TRUE(server.WaitForFlush(10s));
