@@ -61,12 +61,16 @@ std::future<Waited> StartWaitingForMessage(NamedPipeChannel& server,
       tid);
 }
 
-// A server end opened with a raw client, with the one thread the channel started: its
-// worker.
+// A server end opened with a raw client, with the one thread the channel started (its worker)
+// and that thread's voluntary switches when it was found.
 struct WatchedServer {
   NamedPipeChannel server;
   RawClient client;
   std::vector<long> worker;
+  long workerSwitchesAtOpen = 0;
+
+  // The worker's voluntary switches since Open.
+  long WorkerWakeUps() const { return VoluntarySwitchesOf(worker) - workerSwitchesAtOpen; }
 };
 
 // Opens `watched` and finds its worker; false when the opening failed or the channel did not
@@ -75,6 +79,7 @@ bool OpenWatched(WatchedServer& watched) {
   const std::vector<long> before = ThreadIds();
   if (!OpenWithRawClient(watched.server, watched.client, UniquePipeName())) return false;
   watched.worker = ThreadsStartedSince(before);
+  watched.workerSwitchesAtOpen = VoluntarySwitchesOf(watched.worker);
   return watched.worker.size() == 1;
 }
 
@@ -137,23 +142,19 @@ TEST(PipeChannelWaits, WaitForMessageSleepsWhileTheWorkerWrites) {
 TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
   WatchedServer watched;
   ASSERT_TRUE(OpenWatched(watched));
-  NamedPipeChannel& server = watched.server;
-  RawClient& client = watched.client;
-  const long workerBefore = VoluntarySwitchesOf(watched.worker);
   for (int index = 0; index < kExchanges; ++index) {
     long readerId = 0;
-    auto reader = StartWaitingForMessage(server, 10s, readerId);
+    auto reader = StartWaitingForMessage(watched.server, 10s, readerId);
     ASSERT_NE(readerId, 0) << index;
     const std::string sent = "message " + std::to_string(index);
-    ASSERT_TRUE(client.WriteMessage(sent));
+    ASSERT_TRUE(watched.client.WriteMessage(sent));
     ASSERT_EQ(reader.wait_for(10s), std::future_status::ready) << index;
     ASSERT_EQ(reader.get().message, sent);
   }
-  EXPECT_LT(VoluntarySwitchesOf(watched.worker) - workerBefore, kAllowedSwitches)
-      << "the worker woke to read the messages";
+  EXPECT_LT(watched.WorkerWakeUps(), kAllowedSwitches) << "the worker woke to read the messages";
   // A message that comes while nobody waits is read by the worker, as before.
-  ASSERT_TRUE(client.WriteMessage("unasked"));
-  ASSERT_TRUE(WaitFor([&server] { return server.HasMessage(); }, 10s));
+  ASSERT_TRUE(watched.client.WriteMessage("unasked"));
+  ASSERT_TRUE(WaitFor([&watched] { return watched.server.HasMessage(); }, 10s));
 }
 
 // A message of several packets posted while the channel is idle is written by the posting
@@ -161,21 +162,17 @@ TEST(PipeChannelWaits, ACallerReadsItsMessageWithoutWakingTheWorker) {
 TEST(PipeChannelWaits, APostedMessageThatTheSocketTakesIsWrittenWithoutWakingTheWorker) {
   WatchedServer watched;
   ASSERT_TRUE(OpenWatched(watched));
-  NamedPipeChannel& server = watched.server;
-  RawClient& client = watched.client;
-  const long workerBefore = VoluntarySwitchesOf(watched.worker);
   const std::string message = PatternBytes(3 * (32768 - 8));
   for (int index = 0; index < kExchanges; ++index) {
-    server.Post(message);
+    watched.server.Post(message);
     std::string packet;
-    for (int part = 0; part < 3; ++part) ASSERT_TRUE(client.Read(packet)) << index;
+    for (int part = 0; part < 3; ++part) ASSERT_TRUE(watched.client.Read(packet)) << index;
     EXPECT_EQ(packet.substr(8), message.substr(2 * (32768 - 8))) << index;
   }
-  EXPECT_LT(VoluntarySwitchesOf(watched.worker) - workerBefore, kAllowedSwitches)
-      << "the worker woke to write the messages";
-  server.RequestFlush();
-  EXPECT_TRUE(server.WaitForFlush(10s));
-  EXPECT_FALSE(server.HasError());
+  EXPECT_LT(watched.WorkerWakeUps(), kAllowedSwitches) << "the worker woke to write the messages";
+  watched.server.RequestFlush();
+  EXPECT_TRUE(watched.server.WaitForFlush(10s));
+  EXPECT_FALSE(watched.server.HasError());
 }
 
 // Ask takes the reading before the question goes out: however soon the answer comes, the
